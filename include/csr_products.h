@@ -1,0 +1,165 @@
+/// @file
+/// Double-precision sparse-matrix products on Intel oneMKL.
+///
+/// **Sparse operand.** A matrix of `rows` x `cols` in one-based CSR form is three arrays, always in
+/// this order:
+///   - `val`      the stored entries, row by row: nnz elements
+///   - `col_ind`  the column number of each, 1 ... cols: nnz elements
+///   - `row_ptr`  rows + 1 elements; row i (from 0) owns the entries at the one-based positions
+///                row_ptr[i] ... row_ptr[i+1] - 1, so row_ptr[0] is 1 and nnz is row_ptr[rows] - 1
+///
+/// **Dense operand.** Column-major doubles. Element (i, j) of an array with leading dimension ld
+/// stands at i + j*ld, counted from 0.
+///
+/// **Ownership.** The caller owns every array. Operands are read, never written; an output must not
+/// overlap an operand. Nothing is allocated that outlives a call, but for the one handle documented
+/// at spgmatspgmattr_mkl_int64_new(). Calls on different outputs may run at the same time.
+///
+/// **Failure.** Nothing is reported, by contract: no status, no exception, no output. An operand
+/// cannot be wrapped as an MKL handle when one of its dimensions is <= 0, or when its `col_ind` or
+/// `row_ptr` is null; MKL checks nothing else about it. What a failed wrap does to the output is
+/// said at each function. After any other failure the output holds what MKL left there.
+
+#pragma once
+
+#include <cstdint>
+
+#pragma GCC visibility push(default)
+
+/// @name Sparse times dense matrix
+///
+/// A is m x k and sparse. `_G` reads A as it stands. `_S` takes A for symmetric (m = k): only the
+/// entries on and above the diagonal are read, and mirrored; those below may be stored or not.
+///
+/// The short forms imply the leading dimensions k for B and m for C; the long forms take `ldb` >= k
+/// and `ldc` >= m. B holds ldb*n elements, C holds ldc*n. MKL does not check leading dimensions.
+/// Elements of C between m and ldc are left alone.
+///
+/// **A failed wrap** sets the first m*k elements of `c` to 0.0, in the accumulating function too:
+/// A's own shape, neither C's m*n nor `ldc`. With k > n (or a positive product of two negative
+/// dimensions) that reaches past C, so a host that may pass an operand that cannot be wrapped
+/// provides max(m*n, m*k) elements. The product m*k is taken modulo 2^64; nothing is written when
+/// it is <= 0.
+/// @{
+
+/// C := A*B. `b`: k x n, `c`: m x n, overwritten.
+void spgmatgmat_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+                            double* const b, std::int64_t m, std::int64_t k, std::int64_t n, double* const c) noexcept;
+
+/// C := A*B. `b`: k x n, `c`: m x n, overwritten.
+void spgmatgmat_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+                            double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
+                            double* const c, std::int64_t ldc) noexcept;
+
+/// C := A*B, A symmetric. `b`: k x n, `c`: m x n, overwritten.
+void spgmatgmat_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+                            double* const b, std::int64_t m, std::int64_t k, std::int64_t n, double* const c) noexcept;
+
+/// C := A*B, A symmetric. `b`: k x n, `c`: m x n, overwritten.
+void spgmatgmat_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+                            double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
+                            double* const c, std::int64_t ldc) noexcept;
+
+/// C := A*B + C. `b`: k x n, `c`: m x n, read and written. A failed wrap destroys what C held.
+void spgmatgmatsum_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+                               double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
+                               double* const c, std::int64_t ldc) noexcept;
+
+/// C := A*B, A symmetric. `b`: k x n, `c`: m x n, overwritten.
+/// @warning Despite its name this does not accumulate. It is a second name of the long
+/// spgmatgmat_mkl_S_int64(), and stays so.
+void spgmatgmatsum_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+                               double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
+                               double* const c, std::int64_t ldc) noexcept;
+
+/// C := A^T*B. `b`: m x n, `c`: k x n, overwritten.
+/// @warning The leading dimensions are those of the plain product, k for B and m for C, for any m
+/// and k. They fit B and C when m = k. Otherwise MKL computes with those strides: with n = 1 they
+/// play no part and the product is right; with n > 1 and m < k the columns of C overlap, and with
+/// m > k those of B do.
+void spgmattrgmat_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+                              double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
+                              double* const c) noexcept;
+
+/// C := A^T*B, A symmetric: the same product as the short spgmatgmat_mkl_S_int64().
+void spgmattrgmat_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+                              double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
+                              double* const c) noexcept;
+
+/// @}
+
+/// @name Sparse times vector
+///
+/// A is m x k and sparse, `x` holds k elements, `y` holds m.
+///
+/// **A failed wrap** sets the first m*k elements of `y` to 0.0, in the accumulating function too.
+/// That is A's shape, not y's length: it reaches past y unless k is 1. The product m*k is taken
+/// modulo 2^64; nothing is written when it is <= 0.
+/// @{
+
+/// y := A*x. `y` is overwritten.
+void spgmatgvec_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+                            double* const x, std::int64_t m, std::int64_t k, double* const y) noexcept;
+
+/// y := A*x + y. `y` is read and written. A failed wrap destroys what y held.
+void spgmatgvecsum_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+                               double* const x, std::int64_t m, std::int64_t k, double* const y) noexcept;
+
+/// @}
+
+/// @name Sparse times transposed sparse
+///
+/// A is m x k, B is n x k, both sparse; C is m x n.
+/// @{
+
+/// C := A*B^T, dense. `c`: m x n, column-major, leading dimension m, overwritten.
+/// **A failed wrap** leaves C as it was.
+void spgmatspgmattr_gmat_mkl_int64_new(std::int64_t m, std::int64_t k, std::int64_t n, //
+                                       double* const a_val, std::int64_t* const a_col_ind,
+                                       std::int64_t* const a_row_ptr, //
+                                       double* const b_val, std::int64_t* const b_col_ind,
+                                       std::int64_t* const b_row_ptr, //
+                                       double* const c) noexcept;
+
+/// C := A*B^T, one-based CSR, in one call or in stages.
+///
+/// `c_row_ptr` holds m + 1 elements. `c_val` and `c_col_ind` hold **m*n elements each**, the dense
+/// size of C, however few entries are stored: the copy out of MKL runs over m*n elements of both.
+/// Elements beyond the stored entries receive whatever lies in memory behind MKL's arrays. Where
+/// nothing readable lies there the copy ends, and the elements from there on keep what they held.
+/// The column numbers within a row come in MKL's order, which need not be ascending.
+///
+/// What `stage` delivers, with the MKL this library is built on:
+///   - **Any value but 1 and 2** (0 by custom): the whole product. `c_row_ptr` gets the row
+///     pointer; the first nnz = c_row_ptr[m] - 1 elements of `c_col_ind` and `c_val` get the
+///     entries. Each such call, and each with stage 1, leaves one MKL handle behind, about 17 KB.
+///   - **1**: the row pointer, in `c_row_ptr`, which tells nnz. `c_val` and `c_col_ind` keep what
+///     they held.
+///   - **2**: a value refresh. Computes the values of the product into `c_val`, for the column
+///     numbers that already stand in `c_col_ind` and the row pointer in `c_row_ptr`, in that order.
+///     All three arrays must come from a one-call product of operands with the same structure;
+///     the operands' values may have changed since. MKL takes the column numbers unchecked: others
+///     than such a product's, those left by stage 1 included, corrupt the process's memory.
+///
+/// **A failed wrap** of A or B leaves the outputs as they were.
+///
+/// @param ignored_count   never read
+/// @param ignored_result  never written
+void spgmatspgmattr_mkl_int64_new(std::int64_t stage, std::int64_t m, std::int64_t k, std::int64_t n, //
+                                  double* const a_val, std::int64_t* const a_col_ind,
+                                  std::int64_t* const a_row_ptr, //
+                                  double* const b_val, std::int64_t* const b_col_ind,
+                                  std::int64_t* const b_row_ptr, //
+                                  std::int64_t ignored_count,    //
+                                  double* const c_val, std::int64_t* const c_col_ind,
+                                  std::int64_t* const c_row_ptr, //
+                                  std::int64_t& ignored_result) noexcept;
+
+/// @}
+
+/// Sets how many threads MKL may use for the products that start from now on, in the whole
+/// process, MKL's environment variables notwithstanding. A count <= 0 changes nothing.
+/// The count is a plain 32-bit `int`.
+void qz_mkl_set_num_threads_int64(int count) noexcept;
+
+#pragma GCC visibility pop

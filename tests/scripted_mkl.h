@@ -1,0 +1,44 @@
+#pragma once
+
+#include <mkl_spblas.h>
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+inline sparse_matrix_t fake_handle(std::uintptr_t number) {
+    return reinterpret_cast<sparse_matrix_t>(number); // NOLINT(*-no-int-to-ptr): never dereferenced
+}
+
+// Stands in for MKL: records each call with its arguments, and answers as a test has scripted.
+// Numbers are written as MKL's ABI has them: base 1, operations 10 and 11, presets type/mode/diag.
+struct ScriptedMkl {
+    struct Wrap {
+        sparse_status_t status;
+        sparse_matrix_t handle; // null: the variable is left alone
+    };
+    struct Export {
+        std::optional<MKL_INT> rows; // none: the export writes nothing
+        const void* rows_start = nullptr;
+        const void* col_indx = nullptr;
+        const void* values = nullptr;
+    };
+
+    std::deque<Wrap> wraps;
+    sparse_status_t product_status = SPARSE_STATUS_SUCCESS;
+    sparse_matrix_t product_handle = nullptr; // put into the slot of sp2m unless null
+    Export result;
+    std::function<void(sparse_matrix_t)> on_destroy;
+    bool kernel_refuses = false; // process_vm_readv fails with EPERM
+
+    std::vector<std::string> calls;
+    std::vector<const void*> freed; // by mkl_serv_free, past the library's wrapper
+    int kernel_reads = 0;           // calls of process_vm_readv
+};
+
+extern ScriptedMkl mkl;
+
+extern "C" void mkl_serv_free(void* block);

@@ -81,11 +81,13 @@ void copy_elements(const std::int64_t* col_indx, const double* values, std::int6
 }
 
 // Kept on purpose: the copy runs over the dense size of C as the caller gave it, not over the stored
-// entries and not over the exported shape. It ends early only where MKL's arrays cannot be read.
+// entries and not over the exported shape. It ends early only where MKL's arrays cannot be read; arrays
+// that are full, or the caller's own, have all the elements.
 void copy_entries(const ExportedCsr& product, std::int64_t end_of_stored, const CsrOperand& c) noexcept {
     const std::int64_t total = dense_size(c);
-    const bool full = end_of_stored > total;
-    if (full && product.col_indx != nullptr && product.values != nullptr) {
+    const bool has_arrays = product.col_indx != nullptr && product.values != nullptr;
+    const bool callers_own = product.col_indx == c.col_ind && product.values == c.val;
+    if (has_arrays && (end_of_stored > total || callers_own)) {
         copy_elements(product.col_indx, product.values, total, c.col_ind, c.val);
         return;
     }

@@ -1,0 +1,201 @@
+#include "products.h"
+
+#include "csr_products.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+
+namespace {
+
+using Eigen::MatrixXd;
+
+constexpr Int block_columns = 8;
+constexpr Int slab_rows = 3000; // a product of m*m elements needs 24 bytes for each
+constexpr int repetitions = 5;
+
+const double none = std::numeric_limits<double>::quiet_NaN();
+
+// The median of a few runs; prepare is not timed.
+template <class Prepare, class Run>
+double median_milliseconds(Prepare prepare, Run run) {
+    std::vector<double> times;
+    for (int i = 0; i < repetitions; ++i) {
+        prepare();
+        const auto start = std::chrono::steady_clock::now();
+        run();
+        times.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+    }
+    std::nth_element(times.begin(), times.begin() + repetitions / 2, times.end());
+    return times[repetitions / 2];
+}
+
+template <class Run>
+double median_milliseconds(Run run) {
+    return median_milliseconds([] {}, run);
+}
+
+template <class Result, class Expected>
+double relative_difference(const Result& result, const Expected& expected) {
+    const double greatest = expected.cwiseAbs().maxCoeff();
+    const double difference = (result - expected).cwiseAbs().template maxCoeff<Eigen::PropagateNaN>();
+    return greatest > 0 ? difference / greatest : difference;
+}
+
+std::string shape(Int m, Int k, Int n) {
+    return fmt::format("{} x {} x {}", m, k, n);
+}
+
+class DenseProducts {
+public:
+    DenseProducts(const HostMatrix& a, std::vector<Measurement>& table) : a_(a), table_(table) {}
+
+    // Runs one entry on a block of `columns` and Eigen's product beside it. `call` gets the operand,
+    // its leading dimension, the result and its leading dimension; the transposed entries and the
+    // short ones leave the leading dimensions out of account.
+    template <class Call>
+    void measure(const char* product, const char* entry, Int columns, bool transposed, bool accumulates, Call call) {
+        const Int rows = transposed ? a_.cols() : a_.rows();
+        const MatrixXd b = MatrixXd::Random(transposed ? a_.rows() : a_.cols(), columns);
+        const MatrixXd start = MatrixXd::Random(rows, columns);
+        MatrixXd c;
+        MatrixXd expected;
+        const auto reset = [&](MatrixXd& matrix) { return [&] { matrix = start; }; };
+        const double milliseconds =
+            median_milliseconds(reset(c), [&] { call(const_cast<double*>(b.data()), c.data()); });
+        const double eigen_milliseconds = median_milliseconds(reset(expected), [&] {
+            if (accumulates) {
+                expected.noalias() += a_.eigen() * b;
+            } else if (transposed) {
+                expected.noalias() = a_.eigen().transpose() * b;
+            } else {
+                expected.noalias() = a_.eigen() * b;
+            }
+        });
+        table_.push_back({product, entry, shape(rows, b.rows(), columns), a_.stored(), milliseconds, eigen_milliseconds,
+                          relative_difference(c, expected)});
+    }
+
+private:
+    const HostMatrix& a_;
+    std::vector<Measurement>& table_;
+};
+
+void measure_dense_products(const HostMatrix& a, bool symmetric, std::vector<Measurement>& table) {
+    const Int m = a.rows();
+    const Int k = a.cols();
+    const Int n = block_columns;
+    double* const val = a.val();
+    Int* const col_ind = a.col_ind();
+    Int* const row_ptr = a.row_ptr();
+    DenseProducts products(a, table);
+
+    products.measure("A*x", "spgmatgvec_mkl_G_int64", 1, false, false,
+                     [&](double* x, double* y) { spgmatgvec_mkl_G_int64(val, col_ind, row_ptr, x, m, k, y); });
+    products.measure("A*x + y", "spgmatgvecsum_mkl_G_int64", 1, false, true,
+                     [&](double* x, double* y) { spgmatgvecsum_mkl_G_int64(val, col_ind, row_ptr, x, m, k, y); });
+    products.measure("A*B", "spgmatgmat_mkl_G_int64", n, false, false,
+                     [&](double* b, double* c) { spgmatgmat_mkl_G_int64(val, col_ind, row_ptr, b, m, k, n, c); });
+    products.measure("A*B, long", "spgmatgmat_mkl_G_int64", n, false, false,
+                     [&](double* b, double* c) { spgmatgmat_mkl_G_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m); });
+    products.measure("A*B + C", "spgmatgmatsum_mkl_G_int64", n, false, true, [&](double* b, double* c) {
+        spgmatgmatsum_mkl_G_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m);
+    });
+    // The leading dimensions of the transposed entries fit a square matrix, or a single column.
+    const Int transposed_columns = m == k ? n : 1;
+    products.measure("A^T*B", "spgmattrgmat_mkl_G_int64", transposed_columns, true, false, [&](double* b, double* c) {
+        spgmattrgmat_mkl_G_int64(val, col_ind, row_ptr, b, m, k, transposed_columns, c);
+    });
+    if (!symmetric) {
+        return;
+    }
+    products.measure("S*B", "spgmatgmat_mkl_S_int64", n, false, false,
+                     [&](double* b, double* c) { spgmatgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, n, c); });
+    products.measure("S*B, long", "spgmatgmat_mkl_S_int64", n, false, false,
+                     [&](double* b, double* c) { spgmatgmat_mkl_S_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m); });
+    products.measure("S*B, no sum", "spgmatgmatsum_mkl_S_int64", n, false, false, [&](double* b, double* c) {
+        spgmatgmatsum_mkl_S_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m);
+    });
+    products.measure("S^T*B", "spgmattrgmat_mkl_S_int64", n, true, false,
+                     [&](double* b, double* c) { spgmattrgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, n, c); });
+}
+
+// The arrays of a CSR result of m x m, with room for all m*m entries.
+struct CsrResult {
+    explicit CsrResult(Int m) : val(m * m), col_ind(m * m), row_ptr(m + 1) {}
+
+    void multiply(Int stage, const HostMatrix& a) {
+        Int ignored = 0;
+        spgmatspgmattr_mkl_int64_new(stage, a.rows(), a.cols(), a.rows(), a.val(), a.col_ind(), a.row_ptr(), a.val(),
+                                     a.col_ind(), a.row_ptr(), ignored, val.data(), col_ind.data(), row_ptr.data(),
+                                     ignored);
+    }
+
+    Int stored() const { return row_ptr[row_ptr.size() - 1] - 1; }
+
+    MatrixXd dense() const {
+        const Int m = row_ptr.size() - 1;
+        MatrixXd c = MatrixXd::Zero(m, m);
+        for (Int row = 0; row < m; ++row) {
+            for (Int p = row_ptr[row] - 1; p < row_ptr[row + 1] - 1; ++p) {
+                c(row, col_ind[p] - 1) += val[p];
+            }
+        }
+        return c;
+    }
+
+    Eigen::VectorXd val;
+    Eigen::Matrix<Int, Eigen::Dynamic, 1> col_ind;
+    Eigen::Matrix<Int, Eigen::Dynamic, 1> row_ptr;
+};
+
+// A*A^T on the leading rows of the matrix, as many as fit: dense, and CSR by each stage.
+void measure_transposed_products(const HostMatrix& matrix, std::vector<Measurement>& table) {
+    const HostMatrix a(matrix.eigen().topRows(std::min(matrix.rows(), slab_rows)));
+    const Int m = a.rows();
+    const std::string slab = shape(m, a.cols(), m);
+    const char* const csr_entry = "spgmatspgmattr_mkl_int64_new";
+
+    EigenMatrix expected;
+    const double eigen_milliseconds =
+        median_milliseconds([&] { expected = a.eigen() * EigenMatrix(a.eigen().transpose()); });
+    MatrixXd expected_dense;
+    const double eigen_dense_milliseconds = median_milliseconds(
+        [&] { expected_dense = MatrixXd(EigenMatrix(a.eigen() * EigenMatrix(a.eigen().transpose()))); });
+
+    MatrixXd dense(m, m);
+    const double dense_milliseconds = median_milliseconds([&] {
+        spgmatspgmattr_gmat_mkl_int64_new(m, a.cols(), m, a.val(), a.col_ind(), a.row_ptr(), a.val(), a.col_ind(),
+                                          a.row_ptr(), dense.data());
+    });
+    table.push_back({"A*A^T dense", "spgmatspgmattr_gmat_mkl_int64_new", slab, m * m, dense_milliseconds,
+                     eigen_dense_milliseconds, relative_difference(dense, expected_dense)});
+
+    CsrResult c(m);
+    const double count_milliseconds = median_milliseconds([&] { c.multiply(1, a); });
+    const auto expected_row_ptr =
+        Eigen::Map<const Eigen::Matrix<Int, Eigen::Dynamic, 1>>(expected.outerIndexPtr(), m + 1);
+    table.push_back(
+        {"A*A^T count", csr_entry, slab, c.stored(), count_milliseconds, none,
+         relative_difference(c.row_ptr.cast<double>(), (expected_row_ptr.array() + 1).matrix().cast<double>())});
+
+    const double csr_milliseconds = median_milliseconds([&] { c.multiply(0, a); });
+    table.push_back({"A*A^T CSR", csr_entry, slab, c.stored(), csr_milliseconds, eigen_milliseconds,
+                     relative_difference(c.dense(), expected_dense)});
+
+    const HostMatrix changed(-3.0 * a.eigen()); // the same structure with other values
+    const double refresh_milliseconds = median_milliseconds([&] { c.multiply(2, changed); });
+    table.push_back({"A*A^T refresh", csr_entry, slab, c.stored(), refresh_milliseconds, eigen_milliseconds,
+                     relative_difference(c.dense(), 9.0 * expected_dense)});
+}
+
+} // namespace
+
+std::vector<Measurement> measure_products(const HostMatrix& a, bool symmetric) {
+    std::vector<Measurement> table;
+    measure_dense_products(a, symmetric, table);
+    measure_transposed_products(a, table);
+    return table;
+}

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "host_matrix.h"
+
+#include <string>
+#include <vector>
+
+struct Measurement {
+    std::string product;
+    std::string entry;
+    std::string shape;
+    Int stored; // entries, of the sparse operand or of the sparse result
+    double milliseconds;
+    double eigen_milliseconds; // NaN where Eigen has no such product
+    double difference;         // greatest absolute one, relative to the greatest element
+};
+
+// Every product family once on a, each beside Eigen's own. The symmetric entries run if a is so.
+std::vector<Measurement> measure_products(const HostMatrix& a, bool symmetric);

@@ -1,9 +1,8 @@
 // The ten sparse-by-dense entries and the thread count, call by call, against a scripted MKL.
 
-#include "csr_products.h"
+#include "dense_entries.h"
 #include "scripted_mkl.h"
 
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,98 +10,63 @@
 
 namespace {
 
-using Int = std::int64_t;
-
+constexpr Int n = 2;
+constexpr Int ldb = 9;
+constexpr Int ldc = 8;
 constexpr double untouched = -7.25;
-constexpr Int output_size = 32;
 
 double val[1];
 Int col_ind[1];
 Int row_ptr[2];
 double b[1];
-std::array<double, output_size> c;
+std::array<double, 32> c;
 
-struct Entry {
-    const char* name;
-    void (*call)(Int m, Int k);
-    const char* product; // as recorded for m = 3, k = 4, two columns, ldb = 9, ldc = 8
-};
+const sparse_matrix_t handle = fake_handle(0xa0);
 
-const Entry entries[] = {
-    {"spgmatgmat G short", [](Int m, Int k) { spgmatgmat_mkl_G_int64(val, col_ind, row_ptr, b, m, k, 2, c.data()); },
-     "mm 10 alpha 1 {handle} 20/42/50 layout 102 {b} columns 2 ld 4 beta 0 {c} ld 3"},
-    {"spgmatgmat G long",
-     [](Int m, Int k) { spgmatgmat_mkl_G_int64(val, col_ind, row_ptr, b, 9, m, k, 2, c.data(), 8); },
-     "mm 10 alpha 1 {handle} 20/42/50 layout 102 {b} columns 2 ld 9 beta 0 {c} ld 8"},
-    {"spgmatgmat S short", [](Int m, Int k) { spgmatgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, 2, c.data()); },
-     "mm 10 alpha 1 {handle} 21/41/50 layout 102 {b} columns 2 ld 4 beta 0 {c} ld 3"},
-    {"spgmatgmat S long",
-     [](Int m, Int k) { spgmatgmat_mkl_S_int64(val, col_ind, row_ptr, b, 9, m, k, 2, c.data(), 8); },
-     "mm 10 alpha 1 {handle} 21/41/50 layout 102 {b} columns 2 ld 9 beta 0 {c} ld 8"},
-    {"spgmatgmatsum G",
-     [](Int m, Int k) { spgmatgmatsum_mkl_G_int64(val, col_ind, row_ptr, b, 9, m, k, 2, c.data(), 8); },
-     "mm 10 alpha 1 {handle} 20/42/50 layout 102 {b} columns 2 ld 9 beta 1 {c} ld 8"},
-    {"spgmatgmatsum S",
-     [](Int m, Int k) { spgmatgmatsum_mkl_S_int64(val, col_ind, row_ptr, b, 9, m, k, 2, c.data(), 8); },
-     "mm 10 alpha 1 {handle} 21/41/50 layout 102 {b} columns 2 ld 9 beta 0 {c} ld 8"},
-    {"spgmattrgmat G", [](Int m, Int k) { spgmattrgmat_mkl_G_int64(val, col_ind, row_ptr, b, m, k, 2, c.data()); },
-     "mm 11 alpha 1 {handle} 20/42/50 layout 102 {b} columns 2 ld 4 beta 0 {c} ld 3"},
-    {"spgmattrgmat S", [](Int m, Int k) { spgmattrgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, 2, c.data()); },
-     "mm 11 alpha 1 {handle} 21/41/50 layout 102 {b} columns 2 ld 4 beta 0 {c} ld 3"},
-    {"spgmatgvec", [](Int m, Int k) { spgmatgvec_mkl_G_int64(val, col_ind, row_ptr, b, m, k, c.data()); },
-     "mv 10 alpha 1 {handle} 20/42/50 {b} beta 0 {c}"},
-    {"spgmatgvecsum", [](Int m, Int k) { spgmatgvecsum_mkl_G_int64(val, col_ind, row_ptr, b, m, k, c.data()); },
-     "mv 10 alpha 1 {handle} 20/42/50 {b} beta 1 {c}"},
-};
-
-void run(const Entry& entry, ScriptedMkl::Wrap wrap, Int m, Int k) {
-    const auto product_status = mkl.product_status;
-    mkl = {};
-    mkl.product_status = product_status;
+void run(const DenseEntry& entry, ScriptedMkl::Wrap wrap, Int m, Int k) {
+    mkl.calls.clear();
     mkl.wraps = {wrap};
     c.fill(untouched);
-    entry.call(m, k);
+    entry.call(val, col_ind, row_ptr, b, ldb, m, k, n, c.data(), ldc);
 }
 
 std::string create(Int m, Int k) {
-    return fmt::format("create 0x0 base 1 {}x{} {} {} {} {}", m, k, fmt::ptr(row_ptr), fmt::ptr(row_ptr + 1),
-                       fmt::ptr(col_ind), fmt::ptr(val));
-}
-
-std::string destroy(sparse_matrix_t handle) {
-    return fmt::format("destroy {}", fmt::ptr(handle));
+    return call_text("create", 0, 1, m, k, row_ptr, row_ptr + 1, col_ind, val);
 }
 
 // The first count elements of the output are zero, and the rest are as they were.
 void expect_cleared(Int count) {
-    std::array<double, output_size> expected{};
+    std::array<double, c.size()> expected{};
     std::fill(expected.begin() + count, expected.end(), untouched);
     EXPECT_EQ(c, expected);
 }
 
-const sparse_matrix_t handle = fake_handle(0xa0);
-
 TEST(DenseContract, WrappedOperandGoesIntoOneProduct) {
-    for (const Entry& entry : entries) {
-        for (const auto product_status : {SPARSE_STATUS_SUCCESS, SPARSE_STATUS_INVALID_VALUE}) {
-            SCOPED_TRACE(fmt::format("{}, product status {}", entry.name, int{product_status}));
+    constexpr Int m = 3;
+    constexpr Int k = 4;
+    for (const DenseEntry& e : dense_entries) {
+        for (const auto product_status : {SPARSE_STATUS_INVALID_VALUE, SPARSE_STATUS_SUCCESS}) {
+            SCOPED_TRACE(call_text(e.name, "product status", product_status));
             mkl.product_status = product_status;
-            run(entry, {SPARSE_STATUS_SUCCESS, handle}, 3, 4);
-            const std::string product = fmt::format(fmt::runtime(entry.product), fmt::arg("handle", fmt::ptr(handle)),
-                                                    fmt::arg("b", fmt::ptr(+b)), fmt::arg("c", fmt::ptr(c.data())));
-            EXPECT_EQ(mkl.calls, (std::vector{create(3, 4), product, destroy(handle)}));
+            run(e, {SPARSE_STATUS_SUCCESS, handle}, m, k);
+            const bool given = e.form == DenseEntry::long_form;
+            const std::string product = e.form == DenseEntry::vector_form
+                                            ? call_text("mv", e.operation, 1.0, handle, e.preset, +b, e.beta, c.data())
+                                            : call_text("mm", e.operation, 1.0, handle, e.preset, 102, +b, n,
+                                                        given ? ldb : k, e.beta, c.data(), given ? ldc : m);
+            EXPECT_EQ(mkl.calls, (std::vector{create(m, k), product, call_text("destroy", handle)}));
             expect_cleared(0);
         }
     }
 }
 
 TEST(DenseContract, FailedWrapClearsTheOperandsShape) {
-    for (const Entry& entry : entries) {
+    for (const DenseEntry& e : dense_entries) {
         for (int status = SPARSE_STATUS_NOT_INITIALIZED; status <= SPARSE_STATUS_NOT_SUPPORTED; ++status) {
             for (const sparse_matrix_t left : {sparse_matrix_t{}, handle}) {
-                SCOPED_TRACE(fmt::format("{}, status {}, handle {}", entry.name, status, fmt::ptr(left)));
-                run(entry, {static_cast<sparse_status_t>(status), left}, 3, 4);
-                EXPECT_EQ(mkl.calls, (std::vector{create(3, 4), destroy(left)}));
+                SCOPED_TRACE(call_text(e.name, "status", status, "handle", left));
+                run(e, {static_cast<sparse_status_t>(status), left}, 3, 4);
+                EXPECT_EQ(mkl.calls, (std::vector{create(3, 4), call_text("destroy", left)}));
                 expect_cleared(12);
             }
         }
@@ -112,30 +76,22 @@ TEST(DenseContract, FailedWrapClearsTheOperandsShape) {
 TEST(DenseContract, ClearedCountIsAProductModulo2To64) {
     constexpr Int two_to_32 = Int{1} << 32;
     constexpr Int two_to_62 = Int{1} << 62;
-    const struct {
-        Int m, k, count;
-    } shapes[] = {{3, 3, 9},
-                  {4, 1, 4},
-                  {4, 4, 16},
-                  {0, 5, 0},
-                  {5, 0, 0},
-                  {-2, 3, 0},
-                  {2, -3, 0},
-                  {-2, -3, 6},
-                  {two_to_32, two_to_32, 0},
-                  {two_to_62, 2, 0}, // wraps to a negative count
-                  {two_to_62 + 2, 4, 8}};
-    for (const Entry& entry : entries) {
-        for (const auto& shape : shapes) {
-            SCOPED_TRACE(fmt::format("{}, {} x {}", entry.name, shape.m, shape.k));
-            run(entry, {SPARSE_STATUS_INVALID_VALUE, nullptr}, shape.m, shape.k);
-            expect_cleared(shape.count);
+    const Int shapes[][3] = {{3, 3, 9},         {4, 1, 4},
+                             {0, 5, 0},         {5, 0, 0},
+                             {-2, 3, 0},        {2, -3, 0},
+                             {-2, -3, 6},       {two_to_32, two_to_32, 0},
+                             {two_to_62, 2, 0}, {two_to_62 + 2, 4, 8}};
+    for (const DenseEntry& e : dense_entries) {
+        for (const auto& [m, k, count] : shapes) {
+            SCOPED_TRACE(call_text(e.name, m, "x", k));
+            run(e, {SPARSE_STATUS_INVALID_VALUE, nullptr}, m, k);
+            expect_cleared(count);
         }
     }
 }
 
 TEST(RuntimeContract, ThreadCountIsPassedUnchanged) {
-    mkl = {};
+    mkl.calls.clear();
     for (const int count : {1, 0, -3, 2147483647}) {
         qz_mkl_set_num_threads_int64(count);
     }

@@ -3,10 +3,9 @@
 #include "csr_products.h"
 #include "scripted_mkl.h"
 
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <memory>
 #include <numeric>
 #include <sys/mman.h>
 #include <thread>
@@ -28,68 +27,24 @@ double b_val[1];
 Int b_col_ind[1];
 Int b_row_ptr[n + 1];
 
-const sparse_matrix_t a_handle = fake_handle(0xa0);
-const sparse_matrix_t b_handle = fake_handle(0xb0);
-const sparse_matrix_t c_handle = fake_handle(0xc0);
 const sparse_matrix_t new_handle = fake_handle(0xd0);
 
-struct Output {
-    explicit Output(Int elements)
-        : val(static_cast<std::size_t>(elements + guard), untouched),
-          col_ind(static_cast<std::size_t>(elements + guard), untouched), row_ptr(m + 1 + guard, untouched) {}
-    std::vector<double> val;
-    std::vector<Int> col_ind;
-    std::vector<Int> row_ptr;
-};
-
-std::string create(Int rows, Int cols, const Int* row_ptr, const Int* col_ind, const double* val) {
-    return fmt::format("create 0x0 base 1 {}x{} {} {} {} {}", rows, cols, fmt::ptr(row_ptr), fmt::ptr(row_ptr + 1),
-                       fmt::ptr(col_ind), fmt::ptr(val));
+// Scripts the wraps of A, B and C, those whose bit is set failing, and returns what they leave.
+std::vector<sparse_matrix_t> script_wraps(unsigned failing, bool null_after_failure) {
+    mkl = {};
+    std::vector<sparse_matrix_t> handles{fake_handle(0xa0), fake_handle(0xb0), fake_handle(0xc0)};
+    for (std::size_t i = 0; i < handles.size(); ++i) {
+        const bool fails = (failing >> i & 1) != 0;
+        handles[i] = fails && null_after_failure ? nullptr : handles[i];
+        mkl.wraps.push_back({fails ? SPARSE_STATUS_ALLOC_FAILED : SPARSE_STATUS_SUCCESS, handles[i]});
+    }
+    return handles;
 }
 
-std::string destroy(sparse_matrix_t handle) {
-    return fmt::format("destroy {}", fmt::ptr(handle));
-}
-
-// Memory of `count` elements 1, 2, 3 ... that ends where nothing can be read.
 template <class T>
-class EndingArray {
-public:
-    explicit EndingArray(Int count) : bytes_(static_cast<std::size_t>((count * 8 + page - 1) / page * page)) {
-        mapping_ = static_cast<char*>(
-            mmap(nullptr, bytes_ + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        EXPECT_EQ(mprotect(mapping_ + bytes_, page, PROT_NONE), 0);
-        data_ = reinterpret_cast<T*>(mapping_ + bytes_) - count;
-        std::iota(data_, data_ + count, T{1});
-    }
-    ~EndingArray() { munmap(mapping_, bytes_ + page); }
-    EndingArray(const EndingArray&) = delete;
-    EndingArray& operator=(const EndingArray&) = delete;
-
-    T* data() const { return data_; }
-
-private:
-    static constexpr Int page = 4096;
-    std::size_t bytes_;
-    char* mapping_;
-    T* data_;
-};
-
-class SparseContract : public testing::Test {
-protected:
-    void SetUp() override {
-        mkl = {};
-        mkl.wraps = {
-            {SPARSE_STATUS_SUCCESS, a_handle}, {SPARSE_STATUS_SUCCESS, b_handle}, {SPARSE_STATUS_SUCCESS, c_handle}};
-    }
-
-    static void call(Output& c, Int stage = 0, Int rows = m, Int columns = n) {
-        Int ignored_result = untouched;
-        spgmatspgmattr_mkl_int64_new(stage, rows, k, columns, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr,
-                                     -1, c.val.data(), c.col_ind.data(), c.row_ptr.data(), ignored_result);
-        EXPECT_EQ(ignored_result, untouched);
-    }
-};
+std::string create(Int rows, Int cols, const T* val, const Int* col_ind, const Int* row_ptr) {
+    return call_text("create", 0, 1, rows, cols, row_ptr, row_ptr + 1, col_ind, val);
+}
 
 // The output holds 1, 2, 3 ... in its first elements, and what it held before from there on.
 template <class T>
@@ -99,205 +54,186 @@ void expect_counted(const std::vector<T>& output, Int count) {
     EXPECT_EQ(output, expected);
 }
 
-TEST_F(SparseContract, DenseResult) {
-    for (int failing = 0; failing < 4; ++failing) {
+struct CsrOutput {
+    explicit CsrOutput(Int elements = m * n)
+        : val(static_cast<std::size_t>(elements + guard), untouched), col_ind(val.size(), untouched),
+          row_ptr(m + 1 + guard, untouched) {}
+
+    void multiply(Int stage = 0, Int rows = m, Int columns = n) {
+        Int ignored_result = untouched;
+        spgmatspgmattr_mkl_int64_new(stage, rows, k, columns, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr,
+                                     -1, val.data(), col_ind.data(), row_ptr.data(), ignored_result);
+        EXPECT_EQ(ignored_result, untouched);
+    }
+
+    void expect_copied(Int row_pointers, Int entries) const {
+        expect_counted(row_ptr, row_pointers);
+        expect_counted(col_ind, entries);
+        expect_counted(val, entries);
+    }
+
+    std::vector<double> val;
+    std::vector<Int> col_ind;
+    std::vector<Int> row_ptr;
+};
+
+TEST(SparseContract, DenseResultCallByCall) {
+    for (unsigned failing = 0; failing < 4; ++failing) {
         for (const bool null : {false, true}) {
-            SCOPED_TRACE(fmt::format("failing wraps {:02b}, null {}", failing, null));
-            SetUp();
-            sparse_matrix_t held[] = {a_handle, b_handle};
-            for (std::size_t i = 0; i < 2; ++i) {
-                if ((failing >> i & 1) != 0) {
-                    held[i] = null ? nullptr : held[i];
-                    mkl.wraps[i] = {SPARSE_STATUS_ALLOC_FAILED, held[i]};
-                    mkl.product_status = SPARSE_STATUS_NOT_INITIALIZED;
-                }
-            }
+            SCOPED_TRACE(call_text("failing wraps", failing, "null", null));
+            const auto handles = script_wraps(failing, null);
+            mkl.product_status = failing != 0 ? SPARSE_STATUS_NOT_INITIALIZED : SPARSE_STATUS_SUCCESS;
             std::vector<double> c(m * n + guard, untouched);
             spgmatspgmattr_gmat_mkl_int64_new(m, k, n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr,
                                               c.data());
             const std::vector<std::string> expected{
-                create(m, k, a_row_ptr, a_col_ind, a_val), create(n, k, b_row_ptr, b_col_ind, b_val),
-                fmt::format("sp2md 10 20/40/50 {} 11 20/40/50 {} alpha 1 beta 0 {} layout 102 ld 3", fmt::ptr(held[0]),
-                            fmt::ptr(held[1]), fmt::ptr(c.data())),
-                destroy(held[1]), destroy(held[0])};
+                create(m, k, a_val, a_col_ind, a_row_ptr), create(n, k, b_val, b_col_ind, b_row_ptr),
+                call_text("sp2md", 10, "20/40/50", handles[0], 11, "20/40/50", handles[1], 1, 0, c.data(), 102, m),
+                call_text("destroy", handles[1]), call_text("destroy", handles[0])};
             EXPECT_EQ(mkl.calls, expected);
             expect_counted(c, 0);
         }
     }
 }
 
-TEST_F(SparseContract, CsrResultCallByCall) {
-    for (int failing = 0; failing < 8; ++failing) {
-        for (const sparse_matrix_t result : {sparse_matrix_t{}, new_handle}) {
-            SCOPED_TRACE(fmt::format("failing wraps {:03b}, result {}", failing, fmt::ptr(result)));
-            SetUp();
-            sparse_matrix_t held[] = {a_handle, b_handle, c_handle};
-            for (std::size_t i = 0; i < 3; ++i) {
-                if ((failing >> i & 1) != 0) {
-                    held[i] = nullptr;
-                    mkl.wraps[i] = {SPARSE_STATUS_INVALID_VALUE, nullptr};
-                }
+TEST(SparseContract, CsrResultCallByCall) {
+    const Int two_to_32 = Int{1} << 32;
+    for (const Int stage : {Int{0}, Int{1}, Int{2}, Int{3}, Int{-1}, two_to_32 + 1, two_to_32 + 2, INT64_MIN + 1}) {
+        const int request = stage == 1 ? 91 : stage == 2 ? 92 : 90;
+        for (unsigned failing = 0; failing < 8; ++failing) {
+            for (const bool replaced : {false, true}) {
+                SCOPED_TRACE(call_text("stage", stage, "failing wraps", failing, "slot replaced", replaced));
+                const auto handles = script_wraps(failing, failing != 5);
+                mkl.product_handle = replaced ? new_handle : nullptr;
+                mkl.product_status = replaced ? SPARSE_STATUS_SUCCESS : SPARSE_STATUS_INTERNAL_ERROR;
+                const sparse_matrix_t slot = replaced ? new_handle : handles[2];
+                CsrOutput c;
+                c.multiply(stage);
+                const std::vector<std::string> expected{
+                    create(m, k, a_val, a_col_ind, a_row_ptr),
+                    create(n, k, b_val, b_col_ind, b_row_ptr),
+                    create(m, n, c.val.data(), c.col_ind.data(), c.row_ptr.data()),
+                    call_text("sp2m", 10, "20/40/50", handles[0], 11, "20/40/50", handles[1], request, handles[2]),
+                    call_text("export", slot, 1, m, n, 0, 0, 0, 0),
+                    call_text("destroy", slot),
+                    call_text("destroy", handles[1]),
+                    call_text("destroy", handles[0])};
+                EXPECT_EQ(mkl.calls, expected);
+                c.expect_copied(0, 0); // the export wrote nothing
             }
-            mkl.product_handle = result;
-            mkl.product_status = result == nullptr ? SPARSE_STATUS_INTERNAL_ERROR : SPARSE_STATUS_SUCCESS;
-            const sparse_matrix_t slot = result == nullptr ? held[2] : result;
-            Output c(m * n);
-            call(c);
-            const std::vector<std::string> expected{create(m, k, a_row_ptr, a_col_ind, a_val),
-                                                    create(n, k, b_row_ptr, b_col_ind, b_val),
-                                                    create(m, n, c.row_ptr.data(), c.col_ind.data(), c.val.data()),
-                                                    fmt::format("sp2m 10 20/40/50 {} 11 20/40/50 {} request 90 {}",
-                                                                fmt::ptr(held[0]), fmt::ptr(held[1]),
-                                                                fmt::ptr(held[2])),
-                                                    fmt::format("export {} base 1 3x5 0x0 0x0 0x0 0x0", fmt::ptr(slot)),
-                                                    destroy(slot),
-                                                    destroy(held[1]),
-                                                    destroy(held[0])};
-            EXPECT_EQ(mkl.calls, expected);
-            expect_counted(c.row_ptr, 0); // the export wrote nothing, and nothing was copied
-            expect_counted(c.col_ind, 0);
-            expect_counted(c.val, 0);
         }
     }
 }
 
-TEST_F(SparseContract, StageIsComparedOverAll64Bits) {
-    constexpr Int two_to_32 = Int{1} << 32;
-    const std::pair<Int, int> stages[] = {{0, 90},
-                                          {1, 91},
-                                          {2, 92},
-                                          {3, 90},
-                                          {7, 90},
-                                          {-1, 90},
-                                          {-2, 90},
-                                          {two_to_32 + 1, 90},
-                                          {two_to_32 + 2, 90},
-                                          {INT64_MIN + 1, 90},
-                                          {INT64_MAX, 90}};
-    for (const auto& [stage, request] : stages) {
-        SetUp();
-        Output c(m * n);
-        call(c, stage);
-        EXPECT_NE(mkl.calls[3].find(fmt::format("request {} ", request)), std::string::npos) << stage;
+// Memory of `count` elements 1, 2, 3 ... that ends where nothing can be read; null for a negative count.
+template <class T>
+std::shared_ptr<T> ending_array(Int count) {
+    constexpr std::size_t page = 4096;
+    constexpr std::size_t bytes = 10 * page; // 5120 elements
+    if (count < 0) {
+        return nullptr;
     }
+    auto* const mapping =
+        static_cast<char*>(mmap(nullptr, bytes + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(mapping + bytes, page, PROT_NONE);
+    auto* const data = reinterpret_cast<T*>(mapping + bytes) - count;
+    std::iota(data, data + count, T{1});
+    return {data, [mapping](T*) { munmap(mapping, bytes + page); }};
 }
 
-TEST_F(SparseContract, RowPointerCopyFollowsTheExportedRows) {
-    const struct {
-        Int exported_rows, readable, copied;
-    } cases[] = {{m, m + 1, m + 1}, {m + 4, m + 5, m + 5}, {0, 1, 1}, {-1, 0, 0}, {-5, 0, 0}, {m, 2, 2},
-                 {m, 0, 0},         {INT64_MAX, 4, 0}}; // rows + 1 wraps
-    for (const auto& [exported_rows, readable, copied] : cases) {
-        SCOPED_TRACE(fmt::format("{} rows, {} readable", exported_rows, readable));
-        SetUp();
-        const EndingArray<Int> rows_start(readable);
-        mkl.result = {exported_rows, rows_start.data()};
-        Output c(m * n);
-        call(c);
-        expect_counted(c.row_ptr, copied);
-    }
-}
-
-// Where a source ends differs from one array to the other; null is neither readable nor at a page.
-TEST_F(SparseContract, EntryCopyRunsOverMTimesNAndEndsWhereNothingCanBeRead) {
+TEST(SparseContract, CopyRunsOverMTimesNAndEndsWhereNothingCanBeRead) {
     constexpr Int null = -1;
+    constexpr Int two_to_62 = Int{1} << 62;
     const struct {
-        Int rows, columns, col_indx, values, copied;
-    } cases[] = {{3, 5, 15, 15, 15},
-                 {3, 5, 99, 99, 15},
-                 {1, 1, 1, 1, 1},
-                 {2, 1, 2, 2, 2},
-                 {1, 3, 3, 3, 3},
-                 {2, 2, 4, 4, 4},
-                 {3, 5, 6, 6, 6},
-                 {3, 5, 4, 9, 4},
-                 {3, 5, 9, 4, 4},
-                 {3, 5, 0, 15, 0},
-                 {3, 5, null, 15, 0},
-                 {3, 5, 15, null, 0},
-                 {3, 5, null, null, 0},
-                 {70, 70, 4900, 4900, 4900},
-                 {70, 70, 4895, 4899, 4895},
-                 {0, 5, 15, 15, 0},
-                 {5, 0, 15, 15, 0},
-                 {-3, 5, 15, 15, 0},
-                 {-3, -5, 15, 15, 15},
-                 {Int{1} << 62, 4, 15, 15, 0},
-                 {Int{1} << 40, 1, 15, 15, 15},
-                 {(Int{1} << 62) + 3, 4, 15, 15, 12}};
-    const Int rows_start[] = {1};
+        Int m, n, exported_rows;
+        Int rows_start, col_indx, values; // how many elements can be read
+        Int row_pointers, entries;        // how many are copied
+    } cases[] = {{3, 5, 3, 4, 15, 15, 4, 15},
+                 {3, 5, 3, 4, 99, 99, 4, 15},
+                 {1, 1, 1, 2, 1, 1, 2, 1},
+                 {70, 70, 9, 10, 4900, 4900, 10, 4900},
+                 {70, 70, 1, 2, 4895, 4899, 2, 4895},
+                 {3, 5, 3, 4, 4, 9, 4, 4},
+                 {3, 5, 3, 4, 9, 6, 4, 6},
+                 {3, 5, 3, 4, 0, 15, 4, 0},
+                 {3, 5, 3, 4, null, 15, 4, 0},
+                 {3, 5, 3, 4, 15, null, 4, 0},
+                 {3, 5, 7, 8, 15, 15, 8, 15},
+                 {3, 5, 0, 1, 15, 15, 1, 15},
+                 {3, 5, -1, 9, 15, 15, 0, 15},
+                 {3, 5, INT64_MAX, 9, 15, 15, 0, 15},
+                 {3, 5, 3, 2, 15, 15, 2, 15},
+                 {3, 5, 3, null, 15, 15, 0, 15},
+                 {0, 5, 0, 1, 15, 15, 1, 0},
+                 {5, 0, 5, 6, 15, 15, 6, 0},
+                 {-3, 5, 3, 4, 15, 15, 4, 0},
+                 {-3, -5, 3, 4, 15, 15, 4, 15},
+                 {two_to_62, 4, 3, 4, 15, 15, 4, 0},
+                 {two_to_62 + 3, 4, 3, 4, 15, 15, 4, 12}};
     for (const auto& t : cases) {
-        SCOPED_TRACE(fmt::format("{} x {}, readable {} and {}", t.rows, t.columns, t.col_indx, t.values));
-        SetUp();
-        const EndingArray<Int> col_indx(std::max<Int>(t.col_indx, 0));
-        const EndingArray<double> values(std::max<Int>(t.values, 0));
-        mkl.result = {0, rows_start, t.col_indx == null ? nullptr : col_indx.data(),
-                      t.values == null ? nullptr : values.data()};
-        Output c(std::max<Int>(t.copied, 1));
-        call(c, 0, t.rows, t.columns);
-        expect_counted(c.col_ind, t.copied);
-        expect_counted(c.val, t.copied);
+        SCOPED_TRACE(call_text("m n rows", t.m, t.n, t.exported_rows, "readable", t.rows_start, t.col_indx, t.values));
+        script_wraps(0, false);
+        const auto rows_start = ending_array<Int>(t.rows_start);
+        const auto col_indx = ending_array<Int>(t.col_indx);
+        const auto values = ending_array<double>(t.values);
+        mkl.result = {t.exported_rows, rows_start.get(), col_indx.get(), values.get()};
+        CsrOutput c(t.entries);
+        c.multiply(0, t.m, t.n);
+        c.expect_copied(t.row_pointers, t.entries);
     }
 }
 
-TEST_F(SparseContract, FullResultIsCopiedWithoutAskingTheKernelForItsEntries) {
-    const Int rows_start[] = {1, 6, 11, 16};
-    const EndingArray<Int> col_indx(m * n);
-    const EndingArray<double> values(m * n);
+TEST(SparseContract, KernelIsAskedOnlyWhereTheSourceMayEnd) {
+    const auto counted = ending_array<Int>(m * n);
+    const auto values = ending_array<double>(m * n);
+    Int full[] = {1, 6, 11, m * n + 1};
+    CsrOutput own; // what MKL exports when the product has left the slot alone, or was finalized
+    std::iota(own.col_ind.begin(), own.col_ind.begin() + m * n, 1);
+    std::iota(own.val.begin(), own.val.begin() + m * n, 1.0);
     const struct {
-        const void* col_indx;
+        const void *rows_start, *col_indx, *values;
+        bool refuses;
         int reads;
-        Int copied;
-    } cases[] = {{col_indx.data(), 1, m * n}, {nullptr, 2, 0}}; // after a count request the entries are null
+        Int entries;
+    } cases[] = {{full, counted.get(), values.get(), false, 1, m * n},
+                 {full, nullptr, values.get(), false, 2, 0}, // as after a count request
+                 {counted.get(), counted.get(), values.get(), false, 3, m * n},
+                 {counted.get(), counted.get(), values.get(), true, 3, m * n},
+                 {counted.get(), own.col_ind.data(), own.val.data(), false, 1, m * n}};
     for (const auto& t : cases) {
-        SetUp();
-        mkl.result = {m, rows_start, t.col_indx, values.data()};
-        Output c(m * n);
-        call(c);
+        SCOPED_TRACE(call_text("expected kernel reads", t.reads, "refused", t.refuses));
+        script_wraps(0, false);
+        mkl.kernel_refuses = t.refuses;
+        mkl.result = {m, t.rows_start, t.col_indx, t.values};
+        CsrOutput other;
+        CsrOutput& c = t.values == own.val.data() ? own : other;
+        c.multiply();
         EXPECT_EQ(mkl.kernel_reads, t.reads);
-        expect_counted(c.val, t.copied);
+        expect_counted(c.col_ind, t.entries);
+        expect_counted(c.val, t.entries);
     }
 }
 
-TEST_F(SparseContract, SandboxThatRefusesTheKernelReadGetsThePlainCopy) {
-    mkl.kernel_refuses = true;
-    const std::vector<Int> sources{1, 2, 3, 4};
-    const std::vector<Int> col_indx = [] {
-        std::vector<Int> v(m * n);
-        std::iota(v.begin(), v.end(), 1);
-        return v;
-    }();
-    const std::vector<double> values(col_indx.begin(), col_indx.end());
-    mkl.result = {m, sources.data(), col_indx.data(), values.data()}; // three stored entries of fifteen
-    Output c(m * n);
-    call(c);
-    expect_counted(c.row_ptr, m + 1);
-    expect_counted(c.col_ind, m * n);
-    expect_counted(c.val, m * n);
-}
-
-TEST_F(SparseContract, OnlyTheCallersArraysArePassedOverWhenMklFrees) {
-    Output c(m * n);
-    double other = 0;
-    void* const arrays[] = {c.val.data(), c.col_ind.data(), c.row_ptr.data(), &other};
-    const auto free_all = [&] { std::for_each(std::begin(arrays), std::end(arrays), mkl_serv_free); };
+TEST(SparseContract, OnlyTheCallersArraysArePassedOverWhenMklFrees) {
     using Freed = std::vector<const void*>;
-    const Freed everything(std::begin(arrays), std::end(arrays));
-
-    Freed on_other_thread;
-    mkl.on_destroy = [&](sparse_matrix_t) {
-        free_all();
-        const Freed on_this_thread = std::exchange(mkl.freed, {});
-        std::thread(free_all).join();
-        on_other_thread = std::exchange(mkl.freed, on_this_thread);
+    CsrOutput c;
+    double other = 0;
+    const Freed everything{c.val.data(), c.col_ind.data(), c.row_ptr.data(), &other};
+    const auto freed_now = [&] {
+        mkl.freed.clear();
+        for (const void* array : everything) {
+            mkl_serv_free(const_cast<void*>(array));
+        }
+        return mkl.freed;
     };
-    call(c, 2);
-    EXPECT_EQ(mkl.freed, Freed(3, &other)); // one for each handle
-    EXPECT_EQ(on_other_thread, everything);
-
-    mkl.freed.clear();
-    free_all();
-    EXPECT_EQ(mkl.freed, everything) << "the call left state behind";
+    script_wraps(0, false);
+    mkl.on_destroy = [&] {
+        EXPECT_EQ(freed_now(), Freed{&other});
+        std::thread([&] { EXPECT_EQ(freed_now(), everything); }).join();
+    };
+    c.multiply(2);
+    EXPECT_EQ(mkl.calls.size(), 8U);
+    EXPECT_EQ(freed_now(), everything) << "the call left state behind";
 }
 
 } // namespace

@@ -1,6 +1,5 @@
 #include "scripted_mkl.h"
 
-#include <fmt/format.h>
 #include <mkl_service.h>
 
 #include <cerrno>
@@ -12,97 +11,79 @@ ScriptedMkl mkl;
 
 namespace {
 
+using Handle = sparse_matrix_t;
+using Operation = sparse_operation_t;
+
 template <class... Args>
-void record(fmt::format_string<Args...> format, Args&&... args) {
-    mkl.calls.push_back(fmt::format(format, std::forward<Args>(args)...));
+sparse_status_t record(const char* name, const Args&... args) {
+    mkl.calls.push_back(call_text(name, args...));
+    return mkl.product_status;
 }
 
-std::string text(const matrix_descr& d) {
-    return fmt::format("{}/{}/{}", int{d.type}, int{d.mode}, int{d.diag});
+template <class T>
+T* writable(const void* array) {
+    return static_cast<T*>(const_cast<void*>(array));
 }
 
 } // namespace
 
 extern "C" {
 
-sparse_status_t mkl_sparse_d_create_csr(sparse_matrix_t* handle, const sparse_index_base_t base, const MKL_INT rows,
-                                        const MKL_INT cols, MKL_INT* rows_start, MKL_INT* rows_end, MKL_INT* col_indx,
-                                        double* values) {
-    record("create {} base {} {}x{} {} {} {} {}", fmt::ptr(*handle), int{base}, rows, cols, fmt::ptr(rows_start),
-           fmt::ptr(rows_end), fmt::ptr(col_indx), fmt::ptr(values));
+sparse_status_t mkl_sparse_d_create_csr(Handle* handle, sparse_index_base_t base, MKL_INT rows, MKL_INT cols,
+                                        MKL_INT* rows_start, MKL_INT* rows_end, MKL_INT* col_indx, double* values) {
+    record("create", *handle, base, rows, cols, rows_start, rows_end, col_indx, values);
     const auto wrap = mkl.wraps.front();
     mkl.wraps.pop_front();
-    if (wrap.handle != nullptr) {
-        *handle = wrap.handle;
-    }
+    *handle = wrap.handle != nullptr ? wrap.handle : *handle;
     return wrap.status;
 }
 
-sparse_status_t mkl_sparse_destroy(sparse_matrix_t handle) {
-    record("destroy {}", fmt::ptr(handle));
-    if (mkl.on_destroy) {
-        mkl.on_destroy(handle);
-    }
+sparse_status_t mkl_sparse_destroy(Handle handle) {
+    record("destroy", handle);
+    mkl.on_destroy();
     return SPARSE_STATUS_NOT_INITIALIZED;
 }
 
-sparse_status_t mkl_sparse_d_mm(const sparse_operation_t operation, const double alpha, const sparse_matrix_t handle,
-                                const matrix_descr descr, const sparse_layout_t layout, const double* b,
-                                const MKL_INT columns, const MKL_INT ldb, const double beta, double* c,
-                                const MKL_INT ldc) {
-    record("mm {} alpha {} {} {} layout {} {} columns {} ld {} beta {} {} ld {}", int{operation}, alpha,
-           fmt::ptr(handle), text(descr), int{layout}, fmt::ptr(b), columns, ldb, beta, fmt::ptr(c), ldc);
+sparse_status_t mkl_sparse_d_mm(Operation operation, double alpha, Handle a, matrix_descr descr, sparse_layout_t layout,
+                                const double* b, MKL_INT columns, MKL_INT ldb, double beta, double* c, MKL_INT ldc) {
+    return record("mm", operation, alpha, a, descr, layout, b, columns, ldb, beta, c, ldc);
+}
+
+sparse_status_t mkl_sparse_d_mv(Operation operation, double alpha, Handle a, matrix_descr descr, const double* x,
+                                double beta, double* y) {
+    return record("mv", operation, alpha, a, descr, x, beta, y);
+}
+
+sparse_status_t mkl_sparse_d_sp2md(Operation operation_a, matrix_descr descr_a, Handle a, Operation operation_b,
+                                   matrix_descr descr_b, Handle b, double alpha, double beta, double* c,
+                                   sparse_layout_t layout, MKL_INT ldc) {
+    return record("sp2md", operation_a, descr_a, a, operation_b, descr_b, b, alpha, beta, c, layout, ldc);
+}
+
+sparse_status_t mkl_sparse_sp2m(Operation operation_a, matrix_descr descr_a, Handle a, Operation operation_b,
+                                matrix_descr descr_b, Handle b, sparse_request_t request, Handle* c) {
+    record("sp2m", operation_a, descr_a, a, operation_b, descr_b, b, request, *c);
+    *c = mkl.product_handle != nullptr ? mkl.product_handle : *c;
     return mkl.product_status;
 }
 
-sparse_status_t mkl_sparse_d_mv(const sparse_operation_t operation, const double alpha, const sparse_matrix_t handle,
-                                const matrix_descr descr, const double* x, const double beta, double* y) {
-    record("mv {} alpha {} {} {} {} beta {} {}", int{operation}, alpha, fmt::ptr(handle), text(descr), fmt::ptr(x),
-           beta, fmt::ptr(y));
-    return mkl.product_status;
-}
-
-sparse_status_t mkl_sparse_d_sp2md(const sparse_operation_t operation_a, const matrix_descr descr_a,
-                                   const sparse_matrix_t a, const sparse_operation_t operation_b,
-                                   const matrix_descr descr_b, const sparse_matrix_t b, const double alpha,
-                                   const double beta, double* c, const sparse_layout_t layout, const MKL_INT ldc) {
-    record("sp2md {} {} {} {} {} {} alpha {} beta {} {} layout {} ld {}", int{operation_a}, text(descr_a), fmt::ptr(a),
-           int{operation_b}, text(descr_b), fmt::ptr(b), alpha, beta, fmt::ptr(c), int{layout}, ldc);
-    return mkl.product_status;
-}
-
-sparse_status_t mkl_sparse_sp2m(const sparse_operation_t operation_a, const matrix_descr descr_a,
-                                const sparse_matrix_t a, const sparse_operation_t operation_b,
-                                const matrix_descr descr_b, const sparse_matrix_t b, const sparse_request_t request,
-                                sparse_matrix_t* c) {
-    record("sp2m {} {} {} {} {} {} request {} {}", int{operation_a}, text(descr_a), fmt::ptr(a), int{operation_b},
-           text(descr_b), fmt::ptr(b), int{request}, fmt::ptr(*c));
-    if (mkl.product_handle != nullptr) {
-        *c = mkl.product_handle;
-    }
-    return mkl.product_status;
-}
-
-sparse_status_t mkl_sparse_d_export_csr(const sparse_matrix_t handle, sparse_index_base_t* base, MKL_INT* rows,
-                                        MKL_INT* cols, MKL_INT** rows_start, MKL_INT** rows_end, MKL_INT** col_indx,
-                                        double** values) {
-    record("export {} base {} {}x{} {} {} {} {}", fmt::ptr(handle), int{*base}, *rows, *cols, fmt::ptr(*rows_start),
-           fmt::ptr(*rows_end), fmt::ptr(*col_indx), fmt::ptr(*values));
+sparse_status_t mkl_sparse_d_export_csr(Handle handle, sparse_index_base_t* base, MKL_INT* rows, MKL_INT* cols,
+                                        MKL_INT** rows_start, MKL_INT** rows_end, MKL_INT** col_indx, double** values) {
+    record("export", handle, *base, *rows, *cols, *rows_start, *rows_end, *col_indx, *values);
     if (!mkl.result.rows) {
         return SPARSE_STATUS_NOT_INITIALIZED;
     }
-    *base = SPARSE_INDEX_BASE_ZERO; // neither this nor the column count is to be looked at
-    *cols = -1;
+    *base = SPARSE_INDEX_BASE_ZERO; // neither this nor the column count nor rows_end is to be looked at
     *rows = *mkl.result.rows;
-    *rows_start = static_cast<MKL_INT*>(const_cast<void*>(mkl.result.rows_start));
-    *rows_end = nullptr;
-    *col_indx = static_cast<MKL_INT*>(const_cast<void*>(mkl.result.col_indx));
-    *values = static_cast<double*>(const_cast<void*>(mkl.result.values));
+    *cols = -1;
+    *rows_start = writable<MKL_INT>(mkl.result.rows_start);
+    *col_indx = writable<MKL_INT>(mkl.result.col_indx);
+    *values = writable<double>(mkl.result.values);
     return SPARSE_STATUS_SUCCESS;
 }
 
 void mkl_set_num_threads(int count) {
-    record("threads {}", count);
+    record("threads", count);
 }
 
 void mkl_serv_free(void* block) {
@@ -113,11 +94,9 @@ void mkl_serv_free(void* block) {
 ssize_t process_vm_readv(pid_t process, const iovec* local, unsigned long local_count, const iovec* remote,
                          unsigned long remote_count, unsigned long flags) {
     ++mkl.kernel_reads;
-    if (mkl.kernel_refuses) {
-        errno = EPERM;
-        return -1;
-    }
-    return syscall(SYS_process_vm_readv, process, local, local_count, remote, remote_count, flags);
+    errno = EPERM;
+    return mkl.kernel_refuses ? -1
+                              : syscall(SYS_process_vm_readv, process, local, local_count, remote, remote_count, flags);
 }
 
 } // extern "C"

@@ -2,19 +2,31 @@
 
 #include <mkl_spblas.h>
 
-#include <cstdint>
 #include <deque>
 #include <functional>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
+
+// A call as text: its name and its arguments, enumerators by number, presets as type/mode/diag.
+template <class... Args>
+std::string call_text(const char* name, const Args&... args) {
+    std::ostringstream text;
+    text << name;
+    ((text << ' ' << args), ...);
+    return text.str();
+}
+
+inline std::ostream& operator<<(std::ostream& out, const matrix_descr& d) {
+    return out << int{d.type} << '/' << int{d.mode} << '/' << int{d.diag};
+}
 
 inline sparse_matrix_t fake_handle(std::uintptr_t number) {
     return reinterpret_cast<sparse_matrix_t>(number); // NOLINT(*-no-int-to-ptr): never dereferenced
 }
 
 // Stands in for MKL: records each call with its arguments, and answers as a test has scripted.
-// Numbers are written as MKL's ABI has them: base 1, operations 10 and 11, presets type/mode/diag.
 struct ScriptedMkl {
     struct Wrap {
         sparse_status_t status;
@@ -31,7 +43,7 @@ struct ScriptedMkl {
     sparse_status_t product_status = SPARSE_STATUS_SUCCESS;
     sparse_matrix_t product_handle = nullptr; // put into the slot of sp2m unless null
     Export result;
-    std::function<void(sparse_matrix_t)> on_destroy;
+    std::function<void()> on_destroy = [] {};
     bool kernel_refuses = false; // process_vm_readv fails with EPERM
 
     std::vector<std::string> calls;

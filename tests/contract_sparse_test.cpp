@@ -186,7 +186,9 @@ TEST(SparseContract, CopyRunsOverMTimesNAndEndsWhereNothingCanBeRead) {
 TEST(SparseContract, KernelIsAskedOnlyWhereTheSourceMayEnd) {
     const auto counted = ending_array<Int>(m * n);
     const auto values = ending_array<double>(m * n);
-    Int full[] = {1, 6, 11, m * n + 1};
+    const auto fewer = ending_array<Int>(m * n - 1);
+    const Int full[] = {1, 6, 11, m * n + 1};
+    const Int one_missing[] = {1, 6, 11, m * n};
     CsrOutput own; // what MKL exports when the product has left the slot alone, or was finalized
     std::iota(own.col_ind.begin(), own.col_ind.begin() + m * n, 1);
     std::iota(own.val.begin(), own.val.begin() + m * n, 1.0);
@@ -197,6 +199,7 @@ TEST(SparseContract, KernelIsAskedOnlyWhereTheSourceMayEnd) {
         Int entries;
     } cases[] = {{full, counted.get(), values.get(), false, 1, m * n},
                  {full, nullptr, values.get(), false, 2, 0}, // as after a count request
+                 {one_missing, fewer.get(), values.get(), false, 5, m * n - 1},
                  {counted.get(), counted.get(), values.get(), false, 3, m * n},
                  {counted.get(), counted.get(), values.get(), true, 3, m * n},
                  {counted.get(), own.col_ind.data(), own.val.data(), false, 1, m * n}};

@@ -3,6 +3,8 @@
 #   MKL::headers   the C headers, with MKL_INT 64 bits wide
 #   MKL::MKL       the three archives and the OpenMP runtime that the threaded layer calls
 #
+# MKL_LICENCE_NOTICE is the file with its copyright notices and terms, where there is one.
+#
 # MKLROOT, as a variable or in the environment, names an installation outside the system paths.
 
 set(MKL_HINTS ${MKLROOT} $ENV{MKLROOT})
@@ -12,7 +14,8 @@ find_library(MKL_INTERFACE_ARCHIVE libmkl_intel_ilp64.a HINTS ${MKL_HINTS} PATH_
 find_library(MKL_THREADING_ARCHIVE libmkl_intel_thread.a HINTS ${MKL_HINTS} PATH_SUFFIXES lib/intel64)
 find_library(MKL_CORE_ARCHIVE libmkl_core.a HINTS ${MKL_HINTS} PATH_SUFFIXES lib/intel64)
 find_library(MKL_OPENMP_LIBRARY iomp5 HINTS ${MKL_HINTS} PATH_SUFFIXES lib/intel64)
-mark_as_advanced(MKL_INCLUDE_DIR MKL_INTERFACE_ARCHIVE MKL_THREADING_ARCHIVE MKL_CORE_ARCHIVE MKL_OPENMP_LIBRARY)
+find_file(MKL_LICENCE_NOTICE NAMES doc/libmkl-dev/copyright licensing/license.txt HINTS ${MKL_HINTS} PATHS /usr/share)
+mark_as_advanced(MKL_LICENCE_NOTICE MKL_INCLUDE_DIR MKL_INTERFACE_ARCHIVE MKL_THREADING_ARCHIVE MKL_CORE_ARCHIVE MKL_OPENMP_LIBRARY)
 
 if(NOT MKL_INCLUDE_DIR OR NOT MKL_INTERFACE_ARCHIVE OR NOT MKL_THREADING_ARCHIVE OR NOT MKL_CORE_ARCHIVE)
     set(MKL_PROBLEM "Intel MKL not found: install libmkl-dev (Debian non-free), or set MKLROOT")

@@ -1,0 +1,139 @@
+// The library as a guest in processes like its hosts': loaded, not linked, by a program without OpenMP
+// and by one built with GNU OpenMP. Each test runs in a process of its own.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <dlfcn.h>
+#include <future>
+#include <numeric>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Int = std::int64_t;
+using Multiply = void(double*, Int*, Int*, double*, Int, Int, double*);
+
+void* load(int flags = RTLD_LOCAL) {
+    void* const library = dlopen(CSR_PRODUCTS_LIBRARY, RTLD_NOW | flags);
+    EXPECT_NE(library, nullptr) << dlerror();
+    return library;
+}
+
+Multiply* multiply_of(void* library) {
+    return reinterpret_cast<Multiply*>(dlsym(library, "_Z22spgmatgvec_mkl_G_int64PdPlS0_S_llS_"));
+}
+
+// A product large enough for MKL to use its threads: a tridiagonal matrix of ones by 1, 2, 3 ...
+void expect_product(Multiply* multiply) {
+    constexpr Int n = 20000;
+    std::vector<double> val;
+    std::vector<Int> col_ind;
+    std::vector<Int> row_ptr{1};
+    for (Int i = 1; i <= n; ++i) {
+        for (Int j = std::max<Int>(i - 1, 1); j <= std::min(i + 1, n); ++j) {
+            val.push_back(1.0);
+            col_ind.push_back(j);
+        }
+        row_ptr.push_back(Int(val.size()) + 1);
+    }
+    std::vector<double> x(n);
+    std::iota(x.begin(), x.end(), 1.0);
+    std::vector<double> expected(n);
+    std::transform(x.begin(), x.end(), expected.begin(), [](double i) { return 3 * i; });
+    expected.front() = 3.0;
+    expected.back() = 2.0 * n - 1;
+    std::vector<double> y(n);
+    multiply(val.data(), col_ind.data(), row_ptr.data(), x.data(), n, n, y.data());
+    EXPECT_TRUE(y == expected);
+}
+
+class GuestScope : public testing::TestWithParam<int> {};
+
+TEST_P(GuestScope, Loaded) {
+    expect_product(multiply_of(load(GetParam())));
+}
+
+INSTANTIATE_TEST_SUITE_P(Flags, GuestScope, testing::Values(RTLD_LOCAL, RTLD_GLOBAL, RTLD_LOCAL | RTLD_DEEPBIND));
+
+TEST(Guest, ClosedAndLoadedAgainWhileAThreadThatCalledItEnds) {
+    for (int round = 0; round < 20; ++round) {
+        void* const library = load();
+        std::promise<void> called;
+        std::promise<void> closed;
+        std::thread caller([&] {
+            expect_product(multiply_of(library));
+            called.set_value();
+            closed.get_future().wait();
+        });
+        called.get_future().wait();
+        EXPECT_EQ(dlclose(library), 0);
+        closed.set_value();
+        caller.join();
+    }
+}
+
+// MKL's dynamic library has 32-bit integers; a symbol of one that reached the other would show here.
+TEST(Guest, BesideADynamicMklWith32BitIntegers) {
+    using Dgemm =
+        void(int, int, int, int, int, int, double, const double*, int, const double*, int, double, double*, int);
+    auto* const dgemm = reinterpret_cast<Dgemm*>(dlsym(dlopen("libmkl_rt.so", RTLD_NOW | RTLD_GLOBAL), "cblas_dgemm"));
+    ASSERT_NE(dgemm, nullptr);
+    const auto expect_dense_product = [&] {
+        constexpr int n = 200;
+        const std::vector<double> a(n * n, 2.0);
+        std::vector<double> c(n * n, -1.0);
+        dgemm(102, 111, 111, n, n, n, 1.0, a.data(), n, a.data(), n, 0.0, c.data(), n);
+        EXPECT_EQ(c, std::vector<double>(n * n, 4.0 * n));
+    };
+    expect_dense_product();
+    expect_product(multiply_of(load()));
+    expect_dense_product();
+    expect_product(multiply_of(load()));
+}
+
+#ifdef _OPENMP
+TEST(Guest, BetweenAndWithinLoopsOfGnuOpenMp) {
+    Multiply* const multiply = multiply_of(load());
+    for (int round = 0; round < 5; ++round) {
+        Int sum = 0;
+#pragma omp parallel for reduction(+ : sum) num_threads(4)
+        for (Int i = 0; i < 1000; ++i) {
+            sum += i;
+        }
+        EXPECT_EQ(sum, 499500);
+        expect_product(multiply);
+#pragma omp parallel num_threads(4)
+        expect_product(multiply);
+    }
+}
+#endif
+
+TEST(Guest, ThreadsThatEnd) {
+    Multiply* const multiply = multiply_of(load());
+    for (int round = 0; round < 50; ++round) {
+        std::thread first([&] { expect_product(multiply); });
+        std::thread second([&] { expect_product(multiply); });
+        first.join();
+        second.join();
+    }
+}
+
+TEST(Guest, ChildOfAFork) {
+    Multiply* const multiply = multiply_of(load());
+    const pid_t child = fork();
+    if (child == 0) {
+        expect_product(multiply);
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    expect_product(multiply);
+}
+
+} // namespace

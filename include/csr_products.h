@@ -113,7 +113,8 @@ void spgmatgvecsum_mkl_G_int64(double* const val, std::int64_t* const col_ind, s
 /// @{
 
 /// C := A*B^T, dense. `c`: m x n, column-major, leading dimension m, overwritten.
-/// **A failed wrap** leaves C as it was.
+///
+/// **A failed wrap** leaves C as it was, and so does a B without any stored entry, which MKL refuses.
 void spgmatspgmattr_gmat_mkl_int64_new(std::int64_t m, std::int64_t k, std::int64_t n, //
                                        double* const a_val, std::int64_t* const a_col_ind,
                                        std::int64_t* const a_row_ptr, //
@@ -141,10 +142,10 @@ void spgmatspgmattr_gmat_mkl_int64_new(std::int64_t m, std::int64_t k, std::int6
 ///     the operands' values may have changed since. MKL takes the column numbers unchecked: others
 ///     than such a product's, those left by stage 1 included, corrupt the process's memory.
 ///
-/// **A failed wrap** of A or B leaves the outputs as they were.
+/// **A failed wrap** of A or B leaves the outputs as they were, and so does a B without any stored
+/// entry, which MKL refuses.
 ///
-/// @param ignored_count   never read
-/// @param ignored_result  never written
+/// `ignored_count` is never read, `ignored_result` never written.
 void spgmatspgmattr_mkl_int64_new(std::int64_t stage, std::int64_t m, std::int64_t k, std::int64_t n, //
                                   double* const a_val, std::int64_t* const a_col_ind,
                                   std::int64_t* const a_row_ptr, //

@@ -199,7 +199,7 @@ TEST(SparseContract, KernelIsAskedOnlyWhereTheSourceMayEnd) {
         Int entries;
     } cases[] = {{full, counted.get(), values.get(), false, 1, m * n},
                  {full, nullptr, values.get(), false, 2, 0}, // as after a count request
-                 {one_missing, fewer.get(), values.get(), false, 5, m * n - 1},
+                 {one_missing, fewer.get(), values.get(), false, 7, m * n - 1},
                  {counted.get(), counted.get(), values.get(), false, 3, m * n},
                  {counted.get(), counted.get(), values.get(), true, 3, m * n},
                  {counted.get(), own.col_ind.data(), own.val.data(), false, 1, m * n}};

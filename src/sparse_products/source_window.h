@@ -21,7 +21,7 @@ struct Readable {
 // elements are the source's own, unchecked.
 class SourceWindow {
 public:
-    static constexpr std::int64_t capacity = 2048; // elements, large enough to hide a system call
+    static constexpr std::int64_t capacity = 4096; // elements, large enough to hide a system call
 
     template <class T>
     Readable<T> read(const T* source, std::int64_t count) noexcept {

@@ -1,0 +1,186 @@
+#include "contenders.h"
+
+#include "csr_products.h"
+
+#include <fmt/format.h>
+#include <mkl_service.h>
+#include <mkl_spblas.h>
+#include <omp.h>
+#include <rsb.h>
+
+#include <memory>
+#include <stdexcept>
+
+namespace {
+
+using Eigen::MatrixXd;
+using Block = Eigen::Map<MatrixXd>;
+
+constexpr matrix_descr general{SPARSE_MATRIX_TYPE_GENERAL, SPARSE_FILL_MODE_FULL, SPARSE_DIAG_NON_UNIT};
+constexpr matrix_descr general_lower{SPARSE_MATRIX_TYPE_GENERAL, SPARSE_FILL_MODE_LOWER, SPARSE_DIAG_NON_UNIT};
+constexpr matrix_descr upper{SPARSE_MATRIX_TYPE_SYMMETRIC, SPARSE_FILL_MODE_UPPER, SPARSE_DIAG_NON_UNIT};
+
+sparse_matrix_t wrap(const HostMatrix& a) {
+    sparse_matrix_t handle = nullptr;
+    auto* const row_ptr = reinterpret_cast<MKL_INT*>(a.row_ptr());
+    mkl_sparse_d_create_csr(&handle, SPARSE_INDEX_BASE_ONE, a.rows(), a.cols(), row_ptr, row_ptr + 1,
+                            reinterpret_cast<MKL_INT*>(a.col_ind()), a.val());
+    return handle;
+}
+
+void run_entry(const HostMatrix& a, const Product& product, double* b, double* c) {
+    const Int m = a.rows();
+    const Int k = a.cols();
+    const Int n = product.columns;
+    switch (product.kind) {
+    case Product::plain:
+        return n == 1 ? spgmatgvec_mkl_G_int64(a.val(), a.col_ind(), a.row_ptr(), b, m, k, c)
+                      : spgmatgmat_mkl_G_int64(a.val(), a.col_ind(), a.row_ptr(), b, m, k, n, c);
+    case Product::accumulate:
+        return n == 1 ? spgmatgvecsum_mkl_G_int64(a.val(), a.col_ind(), a.row_ptr(), b, m, k, c)
+                      : spgmatgmatsum_mkl_G_int64(a.val(), a.col_ind(), a.row_ptr(), b, k, m, k, n, c, m);
+    case Product::transposed:
+        return spgmattrgmat_mkl_G_int64(a.val(), a.col_ind(), a.row_ptr(), b, m, k, n, c);
+    case Product::symmetric:
+        return spgmatgmat_mkl_S_int64(a.val(), a.col_ind(), a.row_ptr(), b, m, k, n, c);
+    }
+}
+
+void run_direct(const HostMatrix& a, const Product& product, const double* b, double* c) {
+    sparse_matrix_t handle = wrap(a);
+    const double beta = product.kind == Product::accumulate ? 1.0 : 0.0;
+    const matrix_descr preset = product.kind == Product::symmetric ? upper : general;
+    const auto operation =
+        product.kind == Product::transposed ? SPARSE_OPERATION_TRANSPOSE : SPARSE_OPERATION_NON_TRANSPOSE;
+    const bool vector_entry = product.kind == Product::plain || product.kind == Product::accumulate;
+    if (product.columns == 1 && vector_entry) {
+        mkl_sparse_d_mv(operation, 1.0, handle, preset, b, beta, c);
+    } else {
+        mkl_sparse_d_mm(operation, 1.0, handle, preset, SPARSE_LAYOUT_COLUMN_MAJOR, b, product.columns, a.cols(), beta,
+                        c, a.rows());
+    }
+    mkl_sparse_destroy(handle);
+}
+
+void run_eigen(const EigenMatrix& a, const Product& product, double* b_data, double* c_data) {
+    const Block b(b_data, a.cols(), product.columns);
+    Block c(c_data, a.rows(), product.columns);
+    switch (product.kind) {
+    case Product::plain:
+        c.noalias() = a * b;
+        break;
+    case Product::accumulate:
+        c.noalias() += a * b;
+        break;
+    case Product::transposed:
+        c.noalias() = a.transpose() * b;
+        break;
+    case Product::symmetric:
+        c.noalias() = a.selfadjointView<Eigen::Upper>() * b;
+        break;
+    }
+}
+
+using RsbMatrix = std::shared_ptr<rsb_mtx_t>;
+
+// librsb's own format, with the 32-bit indices that Debian builds it for.
+RsbMatrix rsb_matrix(const EigenMatrix& source, bool symmetric) {
+    static const bool initialised = rsb_lib_init(RSB_NULL_INIT_OPTIONS) == RSB_ERR_NO_ERROR;
+    using Indices = Eigen::Matrix<rsb_coo_idx_t, Eigen::Dynamic, 1>;
+    const EigenMatrix a = symmetric ? EigenMatrix(source.triangularView<Eigen::Upper>()) : source;
+    const Indices row_ptr =
+        Eigen::Map<const Eigen::Matrix<Int, Eigen::Dynamic, 1>>(a.outerIndexPtr(), a.rows() + 1).cast<rsb_coo_idx_t>();
+    const Indices col_ind =
+        Eigen::Map<const Eigen::Matrix<Int, Eigen::Dynamic, 1>>(a.innerIndexPtr(), a.nonZeros()).cast<rsb_coo_idx_t>();
+    rsb_err_t error = RSB_ERR_NO_ERROR;
+    rsb_mtx_t* const matrix = rsb_mtx_alloc_from_csr_const(
+        a.valuePtr(), row_ptr.data(), col_ind.data(), static_cast<rsb_nnz_idx_t>(a.nonZeros()),
+        RSB_NUMERICAL_TYPE_DOUBLE, static_cast<rsb_coo_idx_t>(a.rows()), static_cast<rsb_coo_idx_t>(a.cols()), 0, 0,
+        symmetric ? RSB_FLAG_UPPER_SYMMETRIC : RSB_FLAG_NOFLAGS, &error);
+    if (!initialised || matrix == nullptr) {
+        throw std::runtime_error(fmt::format("librsb refuses the matrix: error {}", error));
+    }
+    return {matrix, [](rsb_mtx_t* m) { rsb_mtx_free(m); }};
+}
+
+void run_rsb(const rsb_mtx_t* a, const Product& product, const double* b, Int ldb, double* c, Int ldc) {
+    const double one = 1.0;
+    const double beta = product.kind == Product::accumulate ? 1.0 : 0.0;
+    rsb_spmm(product.kind == Product::transposed ? RSB_TRANSPOSITION_T : RSB_TRANSPOSITION_N, &one, a,
+             static_cast<rsb_coo_idx_t>(product.columns), RSB_FLAG_WANT_COLUMN_MAJOR_ORDER, b,
+             static_cast<rsb_nnz_idx_t>(ldb), &beta, c, static_cast<rsb_nnz_idx_t>(ldc));
+}
+
+sparse_matrix_t direct_sparse_product(sparse_matrix_t a, sparse_matrix_t b) {
+    sparse_matrix_t c = nullptr;
+    mkl_sparse_sp2m(SPARSE_OPERATION_NON_TRANSPOSE, general_lower, a, SPARSE_OPERATION_TRANSPOSE, general_lower, b,
+                    SPARSE_STAGE_FULL_MULT, &c);
+    return c;
+}
+
+} // namespace
+
+std::vector<Contender> contenders(const HostMatrix& a, const Product& product, double* b, double* c) {
+    const RsbMatrix rsb = rsb_matrix(a.eigen(), product.kind == Product::symmetric);
+    return {{"entry", [&a, product, b, c] { run_entry(a, product, b, c); }},
+            {"direct", [&a, product, b, c] { run_direct(a, product, b, c); }},
+            {"eigen", [&a, product, b, c] { run_eigen(a.eigen(), product, b, c); }},
+            {"librsb", [&a, product, b, c, rsb] { run_rsb(rsb.get(), product, b, a.cols(), c, a.rows()); }}};
+}
+
+std::vector<Contender> transposed_dense_contenders(const HostMatrix& a) {
+    const Int m = a.rows();
+    const auto c = std::make_shared<MatrixXd>(m, m);
+    return {{"entry",
+             [&a, m, c] {
+                 spgmatspgmattr_gmat_mkl_int64_new(m, a.cols(), m, a.val(), a.col_ind(), a.row_ptr(), a.val(),
+                                                   a.col_ind(), a.row_ptr(), c->data());
+             }},
+            {"direct",
+             [&a, m, c] {
+                 sparse_matrix_t first = wrap(a);
+                 sparse_matrix_t second = wrap(a);
+                 mkl_sparse_d_sp2md(SPARSE_OPERATION_NON_TRANSPOSE, general_lower, first, SPARSE_OPERATION_TRANSPOSE,
+                                    general_lower, second, 1.0, 0.0, c->data(), SPARSE_LAYOUT_COLUMN_MAJOR, m);
+                 mkl_sparse_destroy(second);
+                 mkl_sparse_destroy(first);
+             }},
+            {"eigen", [&a, c] { *c = EigenMatrix(a.eigen() * EigenMatrix(a.eigen().transpose())); }}};
+}
+
+std::vector<Contender> transposed_csr_contenders(const HostMatrix& a) {
+    struct Result {
+        Eigen::VectorXd val;
+        Eigen::Matrix<Int, Eigen::Dynamic, 1> col_ind;
+        Eigen::Matrix<Int, Eigen::Dynamic, 1> row_ptr;
+    };
+    const Int m = a.rows();
+    const auto c = std::make_shared<Result>();
+    c->val.setZero(m * m);
+    c->col_ind.setZero(m * m);
+    c->row_ptr.setZero(m + 1);
+    return {{"entry",
+             [&a, m, c] {
+                 Int ignored = 0;
+                 spgmatspgmattr_mkl_int64_new(0, m, a.cols(), m, a.val(), a.col_ind(), a.row_ptr(), a.val(),
+                                              a.col_ind(), a.row_ptr(), 0, c->val.data(), c->col_ind.data(),
+                                              c->row_ptr.data(), ignored);
+             }},
+            {"direct",
+             [&a] {
+                 sparse_matrix_t first = wrap(a);
+                 sparse_matrix_t second = wrap(a);
+                 mkl_sparse_destroy(direct_sparse_product(first, second));
+                 mkl_sparse_destroy(second);
+                 mkl_sparse_destroy(first);
+             }},
+            {"eigen", [&a] { const EigenMatrix product = a.eigen() * EigenMatrix(a.eigen().transpose()); }}};
+}
+
+void set_threads(int count) {
+    qz_mkl_set_num_threads_int64(count);
+    mkl_set_num_threads(count);
+    Eigen::setNbThreads(count);
+    omp_set_num_threads(count);
+    rsb_lib_set_opt(RSB_IO_WANT_EXECUTING_THREADS, &count);
+}

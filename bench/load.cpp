@@ -1,0 +1,53 @@
+// What loading a library and its first product take: microseconds, and kilobytes of resident memory.
+// Usage: load LIBRARY
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <dlfcn.h>
+#include <unistd.h>
+
+namespace {
+
+using Int = std::int64_t;
+using Multiply = void(double*, Int*, Int*, double*, Int, Int, double*);
+
+long resident_kilobytes() {
+    long total = 0;
+    long resident = 0;
+    std::FILE* const file = std::fopen("/proc/self/statm", "r");
+    const bool read = file != nullptr && std::fscanf(file, "%ld %ld", &total, &resident) == 2;
+    std::fclose(file);
+    return read ? resident * sysconf(_SC_PAGESIZE) / 1024 : -1;
+}
+
+template <class Step>
+void measure(const char* name, Step step) {
+    const long before = resident_kilobytes();
+    const auto start = std::chrono::steady_clock::now();
+    step();
+    const double microseconds =
+        std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count();
+    std::printf("%s %.1f %ld\n", name, microseconds, resident_kilobytes() - before);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        return 1;
+    }
+    Int row_ptr[] = {1, 2, 4};
+    Int col_ind[] = {1, 1, 2};
+    double val[] = {2.0, 1.0, 3.0};
+    double x[] = {1.0, 10.0};
+    double y[2];
+    Multiply* multiply = nullptr;
+    measure("load", [&] {
+        void* const library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
+        multiply = reinterpret_cast<Multiply*>(dlsym(library, "_Z22spgmatgvec_mkl_G_int64PdPlS0_S_llS_"));
+    });
+    measure("first", [&] { multiply(val, col_ind, row_ptr, x, 2, 2, y); });
+    measure("second", [&] { multiply(val, col_ind, row_ptr, x, 2, 2, y); });
+    return 0;
+}

@@ -1,0 +1,128 @@
+// Every product family on matrices of several kinds, by the entry and by its peers, and the machine's
+// limits. Names are product/matrix/columns/threads/contender.
+
+#include "contenders.h"
+#include "matrices.h"
+#include "matrix_source.h"
+
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+
+#include <cstring>
+#include <map>
+
+namespace {
+
+constexpr Int greatest_columns = 32;
+constexpr Int limit_elements = 10'000'000; // of each of three arrays, far beyond the caches
+
+// What a product moves at the least: A once, B once, C once written, and read where it is not overwritten.
+std::int64_t traffic(const HostMatrix& a, const Product& product) {
+    const Int c_transfers = product.kind == Product::accumulate ? 2 : 1;
+    return 16 * a.stored() + 8 * a.rows() + 8 * product.columns * (a.cols() + c_transfers * a.rows());
+}
+
+void add(const std::string& name, int threads, std::int64_t bytes, const std::function<void()>& run) {
+    benchmark::RegisterBenchmark(name.c_str(),
+                                 [=](benchmark::State& state) {
+                                     set_threads(threads);
+                                     run();
+                                     for ([[maybe_unused]] auto _ : state) {
+                                         run();
+                                         benchmark::ClobberMemory();
+                                     }
+                                     state.SetBytesProcessed(bytes * state.iterations());
+                                 })
+        ->UseRealTime()
+        ->Unit(benchmark::kMillisecond);
+}
+
+void add_products(const std::string& name, const HostMatrix& a, bool symmetric, bool quick) {
+    std::vector<Product> products{{"A*x", Product::plain, 1},        {"A*x+y", Product::accumulate, 1},
+                                  {"A*B", Product::plain, 8},        {"A*B", Product::plain, 32},
+                                  {"A*B+C", Product::accumulate, 8}, {"A^T*B", Product::transposed, 8}};
+    if (symmetric) {
+        products.push_back({"S*B", Product::symmetric, 8});
+        products.push_back({"S^T*B", Product::symmetric, 1});
+    }
+    const auto b = std::make_shared<Eigen::MatrixXd>(Eigen::MatrixXd::Random(a.cols(), greatest_columns));
+    const auto c = std::make_shared<Eigen::MatrixXd>(Eigen::MatrixXd::Zero(a.rows(), greatest_columns));
+    for (const Product& product : products) {
+        for (const Contender& contender : contenders(a, product, b->data(), c->data())) {
+            for (const int threads : {1, 2}) {
+                if (quick && (threads == 1 || product.columns == greatest_columns)) {
+                    continue;
+                }
+                add(fmt::format("{}/{}/{}/{}/{}", product.name, name, product.columns, threads, contender.name),
+                    threads, traffic(a, product), [b, c, run = contender.run] { run(); });
+            }
+        }
+    }
+}
+
+void add_transposed(const std::string& product, const std::string& name, const HostMatrix& a, std::int64_t result_bytes,
+                    const std::vector<Contender>& peers) {
+    for (const Contender& contender : peers) {
+        for (const int threads : {1, 2}) {
+            add(fmt::format("{}/{}/{}/{}/{}", product, name, a.rows(), threads, contender.name), threads,
+                32 * a.stored() + result_bytes, contender.run);
+        }
+    }
+}
+
+void add_limits() {
+    const auto arrays = std::make_shared<Eigen::MatrixXd>(Eigen::MatrixXd::Ones(limit_elements, 3));
+    double* const x = arrays->data();
+    for (const int threads : {1, 2}) {
+        add(fmt::format("limit/triad/1/{}/triad", threads), threads, 24 * limit_elements, [arrays, x, threads] {
+#pragma omp parallel for num_threads(threads) schedule(static)
+            for (Int i = 0; i < limit_elements; ++i) {
+                x[i] = x[limit_elements + i] + 3.0 * x[2 * limit_elements + i];
+            }
+        });
+        add(fmt::format("limit/copy/1/{}/copy", threads), threads, 16 * limit_elements, [arrays, x, threads] {
+#pragma omp parallel for num_threads(threads) schedule(static)
+            for (int part = 0; part < threads; ++part) {
+                const Int length = limit_elements / threads;
+                std::memcpy(x + part * length, x + limit_elements + part * length,
+                            static_cast<std::size_t>(8 * length));
+            }
+        });
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
+    argc -= quick ? 1 : 0;
+    argv[quick ? 1 : 0] = argv[0];
+    argv += quick ? 1 : 0;
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+
+    std::map<std::string, HostMatrix> matrices;
+    matrices.emplace("4x4", HostMatrix(random_matrix(4, 4, 3)));
+    matrices.emplace("poisson-20", HostMatrix(poisson(20)));
+    matrices.emplace("poisson-100", HostMatrix(poisson(100)));
+    if (!quick) {
+        matrices.emplace("random-200k", HostMatrix(random_matrix(200'000, 200'000, 50)));
+        matrices.emplace("power-law-200k", HostMatrix(power_law_matrix(200'000, 50)));
+    }
+    add_limits();
+    for (const auto& [name, a] : matrices) {
+        add_products(name, a, name.rfind("poisson", 0) == 0, quick);
+    }
+
+    const HostMatrix wide(random_matrix(2000, 20'000, 200)); // a full result
+    const HostMatrix thin(random_matrix(3000, 300'000, 10)); // a very sparse one
+    for (const auto& [name, a] : {std::pair<std::string, const HostMatrix&>{"full", wide}, {"sparse", thin}}) {
+        const Int elements = a.rows() * a.rows();
+        add_transposed("A*A^T dense", name, a, 8 * elements, transposed_dense_contenders(a));
+        add_transposed("A*A^T CSR", name, a, 16 * elements, transposed_csr_contenders(a));
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}

@@ -1,0 +1,131 @@
+// Mixed calls from four threads for a while, with resident memory sampled. Prints a line a sample and
+// the growth that the handles of the one-call CSR product do not account for. Usage: soak SECONDS
+
+#include "csr_products.h"
+
+#include <fmt/format.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Int = std::int64_t;
+using Clock = std::chrono::steady_clock;
+
+constexpr int thread_count = 4;
+constexpr int samples = 20;
+
+std::atomic<bool> stop = false;
+std::atomic<Int> calls = 0;
+std::atomic<Int> leaking_calls = 0;
+
+Int resident_bytes() {
+    Int total = 0;
+    Int resident = 0;
+    std::ifstream("/proc/self/statm") >> total >> resident;
+    return resident * sysconf(_SC_PAGESIZE);
+}
+
+// A band of ones, `width` entries a row at the most.
+struct Band {
+    Band(Int n, Int width) {
+        for (Int i = 1; i <= n; ++i) {
+            for (Int j = i; j < std::min(i + width, n + 1); ++j) {
+                val.push_back(1.0);
+                col_ind.push_back(j);
+            }
+            row_ptr.push_back(static_cast<Int>(val.size()) + 1);
+        }
+    }
+    std::vector<double> val;
+    std::vector<Int> col_ind;
+    std::vector<Int> row_ptr{1};
+};
+
+void call_until_stopped(unsigned seed) {
+    constexpr Int n = 600;
+    constexpr Int columns = 4;
+    std::mt19937 random(seed);
+    Band a(n, 5);
+    std::vector<double> b(n * columns, 1.0);
+    std::vector<double> c(n * n);
+    std::vector<Int> c_col_ind(n * n);
+    std::vector<Int> c_row_ptr(n + 1);
+    Int ignored = 0;
+    const auto csr_product = [&](Int stage) {
+        spgmatspgmattr_mkl_int64_new(stage, n, n, n, a.val.data(), a.col_ind.data(), a.row_ptr.data(), a.val.data(),
+                                     a.col_ind.data(), a.row_ptr.data(), 0, c.data(), c_col_ind.data(),
+                                     c_row_ptr.data(), ignored);
+        leaking_calls += stage == 2 ? 0 : 1;
+    };
+    while (!stop) {
+        switch (random() % 100) {
+        case 0: // rare, so that the handles it leaves stay few; the refresh needs its structure
+            csr_product(0);
+            csr_product(2);
+            calls += 2;
+            break;
+        case 1:
+            csr_product(1);
+            ++calls;
+            break;
+        case 2:
+            spgmatspgmattr_gmat_mkl_int64_new(n, n, n, a.val.data(), a.col_ind.data(), a.row_ptr.data(), a.val.data(),
+                                              a.col_ind.data(), a.row_ptr.data(), c.data());
+            ++calls;
+            break;
+        case 3: // no column numbers: the wrap fails
+            spgmatgvec_mkl_G_int64(a.val.data(), nullptr, a.row_ptr.data(), b.data(), n, 1, c.data());
+            ++calls;
+            break;
+        default:
+            spgmatgvec_mkl_G_int64(a.val.data(), a.col_ind.data(), a.row_ptr.data(), b.data(), n, n, c.data());
+            spgmatgmatsum_mkl_G_int64(a.val.data(), a.col_ind.data(), a.row_ptr.data(), b.data(), n, n, n, columns,
+                                      c.data(), n);
+            spgmatgmat_mkl_S_int64(a.val.data(), a.col_ind.data(), a.row_ptr.data(), b.data(), n, n, columns, c.data());
+            calls += 3;
+        }
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const double seconds = argc == 2 ? std::atof(argv[1]) : 0.0;
+    if (seconds <= 0.0) {
+        fmt::print(stderr, "soak: usage: soak SECONDS\n");
+        return 1;
+    }
+    std::vector<std::thread> threads;
+    for (unsigned seed = 0; seed < thread_count; ++seed) {
+        threads.emplace_back(call_until_stopped, seed);
+    }
+    fmt::print("{:>8} {:>12} {:>10} {:>14} {:>16}\n", "seconds", "calls", "leaking", "resident MB", "bytes/leaking");
+    Int first_resident = 0;
+    Int first_leaking = 0;
+    for (int sample = 0; sample <= samples; ++sample) {
+        std::this_thread::sleep_for(std::chrono::duration<double>(seconds / (samples + 1)));
+        const Int resident = resident_bytes();
+        const Int leaking = leaking_calls;
+        if (sample == 0) { // everything is warm
+            first_resident = resident;
+            first_leaking = leaking;
+        }
+        const Int handles = std::max<Int>(leaking - first_leaking, 1);
+        fmt::print("{:8.1f} {:12} {:10} {:14.1f} {:16.0f}\n", seconds * (sample + 1) / (samples + 1), calls.load(),
+                   leaking, static_cast<double>(resident) / 1e6,
+                   static_cast<double>(resident - first_resident) / static_cast<double>(handles));
+    }
+    stop = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    return 0;
+}

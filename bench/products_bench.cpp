@@ -43,7 +43,7 @@ void add_products(const std::string& name, const HostMatrix& a, bool symmetric, 
                                   {"A*B+C", Product::accumulate, 8}, {"A^T*B", Product::transposed, 8}};
     if (symmetric) {
         products.push_back({"S*B", Product::symmetric, 8});
-        products.push_back({"S^T*B", Product::symmetric, 1});
+        products.push_back({"S*B", Product::symmetric, 1});
     }
     const auto b = std::make_shared<Eigen::MatrixXd>(Eigen::MatrixXd::Random(a.cols(), greatest_columns));
     const auto c = std::make_shared<Eigen::MatrixXd>(Eigen::MatrixXd::Zero(a.rows(), greatest_columns));

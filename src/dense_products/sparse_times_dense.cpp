@@ -12,7 +12,7 @@ struct DenseOperand {
     std::int64_t leading_dimension;
 };
 
-void multiply(sparse_operation_t operation, const CsrOperand& a, DescriptorPreset preset, DenseOperand b,
+void multiply(sparse_operation_t operation, const CsrOperand& a, const DescriptorPreset& preset, DenseOperand b,
               std::int64_t columns, double beta, DenseOperand c) noexcept {
     const SparseHandle handle(a);
     if (handle.wrapped()) {

@@ -111,13 +111,6 @@ void run_rsb(const rsb_mtx_t* a, const Product& product, const double* b, Int ld
              static_cast<rsb_nnz_idx_t>(ldb), &beta, c, static_cast<rsb_nnz_idx_t>(ldc));
 }
 
-sparse_matrix_t direct_sparse_product(sparse_matrix_t a, sparse_matrix_t b) {
-    sparse_matrix_t c = nullptr;
-    mkl_sparse_sp2m(SPARSE_OPERATION_NON_TRANSPOSE, general_lower, a, SPARSE_OPERATION_TRANSPOSE, general_lower, b,
-                    SPARSE_STAGE_FULL_MULT, &c);
-    return c;
-}
-
 } // namespace
 
 std::vector<Contender> contenders(const HostMatrix& a, const Product& product, double* b, double* c) {
@@ -170,7 +163,10 @@ std::vector<Contender> transposed_csr_contenders(const HostMatrix& a) {
              [&a] {
                  sparse_matrix_t first = wrap(a);
                  sparse_matrix_t second = wrap(a);
-                 mkl_sparse_destroy(direct_sparse_product(first, second));
+                 sparse_matrix_t product = nullptr;
+                 mkl_sparse_sp2m(SPARSE_OPERATION_NON_TRANSPOSE, general_lower, first, SPARSE_OPERATION_TRANSPOSE,
+                                 general_lower, second, SPARSE_STAGE_FULL_MULT, &product);
+                 mkl_sparse_destroy(product);
                  mkl_sparse_destroy(second);
                  mkl_sparse_destroy(first);
              }},

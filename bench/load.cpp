@@ -35,6 +35,7 @@ void measure(const char* name, Step step) {
 
 int main(int argc, char** argv) {
     if (argc != 2) {
+        std::fputs("load: usage: load LIBRARY\n", stderr);
         return 1;
     }
     Int row_ptr[] = {1, 2, 4};

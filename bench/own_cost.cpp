@@ -6,9 +6,9 @@
 #include <mkl_service.h>
 #include <mkl_spblas.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <map>
 #include <string>
 
@@ -99,6 +99,7 @@ const std::map<std::string, Call> calls{
 int main(int argc, char** argv) {
     const auto call = argc == 4 ? calls.find(argv[1] + std::string(" ") + argv[2]) : calls.end();
     if (call == calls.end()) {
+        std::fputs("own_cost: usage: own_cost mv|mm|sp2md|sp2m entry|direct CALLS\n", stderr);
         return 1;
     }
     qz_mkl_set_num_threads_int64(1);

@@ -94,12 +94,9 @@ void add_limits() {
 } // namespace
 
 int main(int argc, char** argv) {
-    const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
-    argc -= quick ? 1 : 0;
-    argv[quick ? 1 : 0] = argv[0];
-    argv += quick ? 1 : 0;
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+    benchmark::Initialize(&argc, argv); // leaves what is not its own
+    const bool quick = argc == 2 && std::strcmp(argv[1], "--quick") == 0;
+    if (!quick && benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;
     }
 

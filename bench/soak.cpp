@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -17,7 +18,6 @@
 namespace {
 
 using Int = std::int64_t;
-using Clock = std::chrono::steady_clock;
 
 constexpr int thread_count = 4;
 constexpr int samples = 20;

@@ -48,40 +48,7 @@ std::string shape(Int m, Int k, Int n) {
     return fmt::format("{} x {} x {}", m, k, n);
 }
 
-class DenseProducts {
-public:
-    DenseProducts(const HostMatrix& a, std::vector<Measurement>& table) : a_(a), table_(table) {}
-
-    // Runs one entry on a block of `columns` and Eigen's product beside it. `call` gets the operand,
-    // its leading dimension, the result and its leading dimension; the transposed entries and the
-    // short ones leave the leading dimensions out of account.
-    template <class Call>
-    void measure(const char* product, const char* entry, Int columns, bool transposed, bool accumulates, Call call) {
-        const Int rows = transposed ? a_.cols() : a_.rows();
-        const MatrixXd b = MatrixXd::Random(transposed ? a_.rows() : a_.cols(), columns);
-        const MatrixXd start = MatrixXd::Random(rows, columns);
-        MatrixXd c;
-        MatrixXd expected;
-        const auto reset = [&](MatrixXd& matrix) { return [&] { matrix = start; }; };
-        const double milliseconds =
-            median_milliseconds(reset(c), [&] { call(const_cast<double*>(b.data()), c.data()); });
-        const double eigen_milliseconds = median_milliseconds(reset(expected), [&] {
-            if (accumulates) {
-                expected.noalias() += a_.eigen() * b;
-            } else if (transposed) {
-                expected.noalias() = a_.eigen().transpose() * b;
-            } else {
-                expected.noalias() = a_.eigen() * b;
-            }
-        });
-        table_.push_back({product, entry, shape(rows, b.rows(), columns), a_.stored(), milliseconds, eigen_milliseconds,
-                          relative_difference(c, expected)});
-    }
-
-private:
-    const HostMatrix& a_;
-    std::vector<Measurement>& table_;
-};
+enum class Kind { plain, accumulating, transposed };
 
 void measure_dense_products(const HostMatrix& a, bool symmetric, std::vector<Measurement>& table) {
     const Int m = a.rows();
@@ -90,36 +57,55 @@ void measure_dense_products(const HostMatrix& a, bool symmetric, std::vector<Mea
     double* const val = a.val();
     Int* const col_ind = a.col_ind();
     Int* const row_ptr = a.row_ptr();
-    DenseProducts products(a, table);
+    // Runs an entry on random operands of so many columns, and Eigen's product of the same kind beside it.
+    const auto measure = [&](const char* product, const char* entry, Int columns, Kind kind, auto call) {
+        const bool transposed = kind == Kind::transposed;
+        const MatrixXd b = MatrixXd::Random(transposed ? m : k, columns);
+        const MatrixXd start = MatrixXd::Random(transposed ? k : m, columns);
+        MatrixXd c;
+        MatrixXd expected;
+        const auto run_eigen = [&] {
+            if (kind == Kind::accumulating) {
+                expected.noalias() += a.eigen() * b;
+            } else if (transposed) {
+                expected.noalias() = a.eigen().transpose() * b;
+            } else {
+                expected.noalias() = a.eigen() * b;
+            }
+        };
+        const double milliseconds =
+            median_milliseconds([&] { c = start; }, [&] { call(const_cast<double*>(b.data()), c.data()); });
+        const double eigen_milliseconds = median_milliseconds([&] { expected = start; }, run_eigen);
+        table.push_back({product, entry, shape(start.rows(), b.rows(), columns), a.stored(), milliseconds,
+                         eigen_milliseconds, relative_difference(c, expected)});
+    };
 
-    products.measure("A*x", "spgmatgvec_mkl_G_int64", 1, false, false,
-                     [&](double* x, double* y) { spgmatgvec_mkl_G_int64(val, col_ind, row_ptr, x, m, k, y); });
-    products.measure("A*x + y", "spgmatgvecsum_mkl_G_int64", 1, false, true,
-                     [&](double* x, double* y) { spgmatgvecsum_mkl_G_int64(val, col_ind, row_ptr, x, m, k, y); });
-    products.measure("A*B", "spgmatgmat_mkl_G_int64", n, false, false,
-                     [&](double* b, double* c) { spgmatgmat_mkl_G_int64(val, col_ind, row_ptr, b, m, k, n, c); });
-    products.measure("A*B, long", "spgmatgmat_mkl_G_int64", n, false, false,
-                     [&](double* b, double* c) { spgmatgmat_mkl_G_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m); });
-    products.measure("A*B + C", "spgmatgmatsum_mkl_G_int64", n, false, true, [&](double* b, double* c) {
-        spgmatgmatsum_mkl_G_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m);
-    });
+    measure("A*x", "spgmatgvec_mkl_G_int64", 1, Kind::plain,
+            [&](double* x, double* y) { spgmatgvec_mkl_G_int64(val, col_ind, row_ptr, x, m, k, y); });
+    measure("A*x + y", "spgmatgvecsum_mkl_G_int64", 1, Kind::accumulating,
+            [&](double* x, double* y) { spgmatgvecsum_mkl_G_int64(val, col_ind, row_ptr, x, m, k, y); });
+    measure("A*B", "spgmatgmat_mkl_G_int64", n, Kind::plain,
+            [&](double* b, double* c) { spgmatgmat_mkl_G_int64(val, col_ind, row_ptr, b, m, k, n, c); });
+    measure("A*B, long", "spgmatgmat_mkl_G_int64", n, Kind::plain,
+            [&](double* b, double* c) { spgmatgmat_mkl_G_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m); });
+    measure("A*B + C", "spgmatgmatsum_mkl_G_int64", n, Kind::accumulating,
+            [&](double* b, double* c) { spgmatgmatsum_mkl_G_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m); });
     // The leading dimensions of the transposed entries fit a square matrix, or a single column.
     const Int transposed_columns = m == k ? n : 1;
-    products.measure("A^T*B", "spgmattrgmat_mkl_G_int64", transposed_columns, true, false, [&](double* b, double* c) {
+    measure("A^T*B", "spgmattrgmat_mkl_G_int64", transposed_columns, Kind::transposed, [&](double* b, double* c) {
         spgmattrgmat_mkl_G_int64(val, col_ind, row_ptr, b, m, k, transposed_columns, c);
     });
     if (!symmetric) {
         return;
     }
-    products.measure("S*B", "spgmatgmat_mkl_S_int64", n, false, false,
-                     [&](double* b, double* c) { spgmatgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, n, c); });
-    products.measure("S*B, long", "spgmatgmat_mkl_S_int64", n, false, false,
-                     [&](double* b, double* c) { spgmatgmat_mkl_S_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m); });
-    products.measure("S*B, no sum", "spgmatgmatsum_mkl_S_int64", n, false, false, [&](double* b, double* c) {
-        spgmatgmatsum_mkl_S_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m);
-    });
-    products.measure("S^T*B", "spgmattrgmat_mkl_S_int64", n, true, false,
-                     [&](double* b, double* c) { spgmattrgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, n, c); });
+    measure("S*B", "spgmatgmat_mkl_S_int64", n, Kind::plain,
+            [&](double* b, double* c) { spgmatgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, n, c); });
+    measure("S*B, long", "spgmatgmat_mkl_S_int64", n, Kind::plain,
+            [&](double* b, double* c) { spgmatgmat_mkl_S_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m); });
+    measure("S*B, no sum", "spgmatgmatsum_mkl_S_int64", n, Kind::plain,
+            [&](double* b, double* c) { spgmatgmatsum_mkl_S_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m); });
+    measure("S^T*B", "spgmattrgmat_mkl_S_int64", n, Kind::transposed,
+            [&](double* b, double* c) { spgmattrgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, n, c); });
 }
 
 // The arrays of a CSR result of m x m, with room for all m*m entries.

@@ -1,10 +1,10 @@
 #include "contenders.h"
 
 #include "csr_products.h"
+#include "direct_mkl.h"
 
 #include <fmt/format.h>
 #include <mkl_service.h>
-#include <mkl_spblas.h>
 #include <omp.h>
 #include <rsb.h>
 
@@ -16,16 +16,8 @@ namespace {
 using Eigen::MatrixXd;
 using Block = Eigen::Map<MatrixXd>;
 
-constexpr matrix_descr general{SPARSE_MATRIX_TYPE_GENERAL, SPARSE_FILL_MODE_FULL, SPARSE_DIAG_NON_UNIT};
-constexpr matrix_descr general_lower{SPARSE_MATRIX_TYPE_GENERAL, SPARSE_FILL_MODE_LOWER, SPARSE_DIAG_NON_UNIT};
-constexpr matrix_descr upper{SPARSE_MATRIX_TYPE_SYMMETRIC, SPARSE_FILL_MODE_UPPER, SPARSE_DIAG_NON_UNIT};
-
-sparse_matrix_t wrap(const HostMatrix& a) {
-    sparse_matrix_t handle = nullptr;
-    auto* const row_ptr = reinterpret_cast<MKL_INT*>(a.row_ptr());
-    mkl_sparse_d_create_csr(&handle, SPARSE_INDEX_BASE_ONE, a.rows(), a.cols(), row_ptr, row_ptr + 1,
-                            reinterpret_cast<MKL_INT*>(a.col_ind()), a.val());
-    return handle;
+csr_products::CsrOperand operand(const HostMatrix& a) {
+    return {a.rows(), a.cols(), a.val(), a.col_ind(), a.row_ptr()};
 }
 
 void run_entry(const HostMatrix& a, const Product& product, double* b, double* c) {
@@ -47,19 +39,16 @@ void run_entry(const HostMatrix& a, const Product& product, double* b, double* c
 }
 
 void run_direct(const HostMatrix& a, const Product& product, const double* b, double* c) {
-    sparse_matrix_t handle = wrap(a);
-    const double beta = product.kind == Product::accumulate ? 1.0 : 0.0;
-    const matrix_descr preset = product.kind == Product::symmetric ? upper : general;
-    const auto operation =
-        product.kind == Product::transposed ? SPARSE_OPERATION_TRANSPOSE : SPARSE_OPERATION_NON_TRANSPOSE;
+    using namespace csr_products;
+    const double beta = product.kind == Product::accumulate ? Accumulate : Overwrite;
     const bool vector_entry = product.kind == Product::plain || product.kind == Product::accumulate;
     if (product.columns == 1 && vector_entry) {
-        mkl_sparse_d_mv(operation, 1.0, handle, preset, b, beta, c);
+        direct::multiply_vector(operand(a), b, beta, c);
     } else {
-        mkl_sparse_d_mm(operation, 1.0, handle, preset, SPARSE_LAYOUT_COLUMN_MAJOR, b, product.columns, a.cols(), beta,
-                        c, a.rows());
+        direct::multiply_dense(product.kind == Product::transposed ? Transpose : NonTranspose, operand(a),
+                               product.kind == Product::symmetric ? SymmetricUpper : GeneralFull, b, product.columns,
+                               beta, c);
     }
-    mkl_sparse_destroy(handle);
 }
 
 void run_eigen(const EigenMatrix& a, const Product& product, double* b_data, double* c_data) {
@@ -129,15 +118,7 @@ std::vector<Contender> transposed_dense_contenders(const HostMatrix& a) {
                  spgmatspgmattr_gmat_mkl_int64_new(m, a.cols(), m, a.val(), a.col_ind(), a.row_ptr(), a.val(),
                                                    a.col_ind(), a.row_ptr(), c->data());
              }},
-            {"direct",
-             [&a, m, c] {
-                 sparse_matrix_t first = wrap(a);
-                 sparse_matrix_t second = wrap(a);
-                 mkl_sparse_d_sp2md(SPARSE_OPERATION_NON_TRANSPOSE, general_lower, first, SPARSE_OPERATION_TRANSPOSE,
-                                    general_lower, second, 1.0, 0.0, c->data(), SPARSE_LAYOUT_COLUMN_MAJOR, m);
-                 mkl_sparse_destroy(second);
-                 mkl_sparse_destroy(first);
-             }},
+            {"direct", [&a, c] { direct::multiply_transposed(operand(a), operand(a), c->data()); }},
             {"eigen", [&a, c] { *c = EigenMatrix(a.eigen() * EigenMatrix(a.eigen().transpose())); }}};
 }
 
@@ -160,15 +141,9 @@ std::vector<Contender> transposed_csr_contenders(const HostMatrix& a) {
                                               c->row_ptr.data(), ignored);
              }},
             {"direct",
-             [&a] {
-                 sparse_matrix_t first = wrap(a);
-                 sparse_matrix_t second = wrap(a);
-                 sparse_matrix_t product = nullptr;
-                 mkl_sparse_sp2m(SPARSE_OPERATION_NON_TRANSPOSE, general_lower, first, SPARSE_OPERATION_TRANSPOSE,
-                                 general_lower, second, SPARSE_STAGE_FULL_MULT, &product);
-                 mkl_sparse_destroy(product);
-                 mkl_sparse_destroy(second);
-                 mkl_sparse_destroy(first);
+             [&a, m, c] {
+                 direct::multiply_transposed(operand(a), operand(a),
+                                             {m, m, c->val.data(), c->col_ind.data(), c->row_ptr.data()});
              }},
             {"eigen", [&a] { const EigenMatrix product = a.eigen() * EigenMatrix(a.eigen().transpose()); }}};
 }

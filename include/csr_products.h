@@ -125,22 +125,28 @@ void spgmatspgmattr_gmat_mkl_int64_new(std::int64_t m, std::int64_t k, std::int6
 /// C := A*B^T, one-based CSR, in one call or in stages.
 ///
 /// `c_row_ptr` holds m + 1 elements. `c_val` and `c_col_ind` hold **m*n elements each**, the dense
-/// size of C, however few entries are stored: the copy out of MKL runs over m*n elements of both.
-/// Elements beyond the stored entries receive whatever lies in memory behind MKL's arrays. Where
-/// nothing readable lies there the copy ends, and the elements from there on keep what they held.
-/// The column numbers within a row come in MKL's order, which need not be ascending.
+/// size of C, at every stage and however few entries are stored. A call writes all of them: the
+/// stored entries first, then zeros. An output array that is null is not written.
 ///
-/// What `stage` delivers, with the MKL this library is built on:
-///   - **Any value but 1 and 2** (0 by custom): the whole product. `c_row_ptr` gets the row
-///     pointer; the first nnz = c_row_ptr[m] - 1 elements of `c_col_ind` and `c_val` get the
-///     entries. Each such call, and each with stage 1, leaves one MKL handle behind, about 17 KB.
-///   - **1**: the row pointer, in `c_row_ptr`, which tells nnz. `c_val` and `c_col_ind` keep what
-///     they held.
-///   - **2**: a value refresh. Computes the values of the product into `c_val`, for the column
-///     numbers that already stand in `c_col_ind` and the row pointer in `c_row_ptr`, in that order.
-///     All three arrays must come from a one-call product of operands with the same structure;
-///     the operands' values may have changed since. MKL takes the column numbers unchecked: others
-///     than such a product's, those left by stage 1 included, corrupt the process's memory.
+/// nnz is c_row_ptr[m] - 1. The column numbers within a row come in MKL's order, which need not be
+/// ascending. What each `stage` leaves:
+///
+/// | `stage`                                  | `c_row_ptr`     | first nnz elements of `c_col_ind` and `c_val` | the others |
+/// |------------------------------------------|-----------------|-----------------------------------------------|------------|
+/// | any value but 1 and 2, conventionally 0  | the row pointer | the product                                   | 0          |
+/// | 1, a count                               | the row pointer | 0                                             | 0          |
+/// | 2 on the arrays that a count left        | the row pointer | the product                                   | 0          |
+/// | 2 on any other arrays                    | as it was       | column numbers as they were, new values       | as they were |
+///
+/// Stage 2 recognises the arrays that a count left by c_row_ptr[0] = 1 and c_col_ind[0] = 0. On any
+/// other arrays it refreshes the values: it computes them for the column numbers and the row pointer
+/// that stand there, in that order. Those must come from a product of operands with the same
+/// structure; only the operands' values may have changed.
+/// @warning MKL does not check the column numbers of a refresh. Others than those of such a product
+/// corrupt the process's memory.
+///
+/// Each call that computes the structure of C leaves one MKL handle behind, about 17 KB: stages 0 and
+/// 1, and stage 2 after a count. A refresh leaves none.
 ///
 /// **A failed wrap** of A or B leaves the outputs as they were, and so does a B without any stored
 /// entry, which MKL refuses.

@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr Int n = 2;
 constexpr Int ldb = 9;
 constexpr Int ldc = 8;
 constexpr double untouched = -7.25;
@@ -23,11 +22,11 @@ std::array<double, 32> c;
 
 const sparse_matrix_t handle = fake_handle(0xa0);
 
-void run(const DenseEntry& entry, ScriptedMkl::Wrap wrap, Int m, Int k) {
+void run(const DenseEntry& entry, ScriptedMkl::Wrap wrap, Int m, Int k, Int n = 2, Int* row_pointer = row_ptr) {
     mkl.calls.clear();
     mkl.wraps = {wrap};
     c.fill(untouched);
-    entry.call(val, col_ind, row_ptr, b, ldb, m, k, n, c.data(), ldc);
+    entry.call(val, col_ind, row_pointer, b, ldb, m, k, n, c.data(), ldc);
 }
 
 std::string create(Int m, Int k) {
@@ -45,10 +44,11 @@ TEST(DenseContract, WrappedOperandGoesIntoOneProduct) {
     constexpr Int m = 3;
     constexpr Int k = 4;
     for (const DenseEntry& e : dense_entries) {
-        for (const auto product_status : {SPARSE_STATUS_INVALID_VALUE, SPARSE_STATUS_SUCCESS}) {
-            SCOPED_TRACE(call_text(e.name, "product status", product_status));
+        for (const Int n : {2, 1, 0, -1}) {
+            const auto product_status = n < 1 ? SPARSE_STATUS_INVALID_VALUE : SPARSE_STATUS_SUCCESS;
+            SCOPED_TRACE(call_text(e.name, "columns", n));
             mkl.product_status = product_status;
-            run(e, {SPARSE_STATUS_SUCCESS, handle}, m, k);
+            run(e, {SPARSE_STATUS_SUCCESS, handle}, m, k, n);
             const bool given = e.form == DenseEntry::long_form;
             const std::string product = e.form == DenseEntry::vector_form
                                             ? call_text("mv", e.operation, 1.0, handle, e.preset, +b, e.beta, c.data())
@@ -65,9 +65,11 @@ TEST(DenseContract, FailedWrapClearsTheOperandsShape) {
         for (int status = SPARSE_STATUS_NOT_INITIALIZED; status <= SPARSE_STATUS_NOT_SUPPORTED; ++status) {
             for (const sparse_matrix_t left : {sparse_matrix_t{}, handle}) {
                 SCOPED_TRACE(call_text(e.name, "status", status, "handle", left));
-                run(e, {static_cast<sparse_status_t>(status), left}, 3, 4);
-                EXPECT_EQ(mkl.calls, (std::vector{create(3, 4), call_text("destroy", left)}));
-                expect_cleared(12);
+                for (const Int n : {2, 0}) {
+                    run(e, {static_cast<sparse_status_t>(status), left}, 3, 4, n);
+                    EXPECT_EQ(mkl.calls, (std::vector{create(3, 4), call_text("destroy", left)}));
+                    expect_cleared(12);
+                }
             }
         }
     }
@@ -76,17 +78,31 @@ TEST(DenseContract, FailedWrapClearsTheOperandsShape) {
 TEST(DenseContract, ClearedCountIsAProductModulo2To64) {
     constexpr Int two_to_32 = Int{1} << 32;
     constexpr Int two_to_62 = Int{1} << 62;
-    const Int shapes[][3] = {{3, 3, 9},         {4, 1, 4},
-                             {0, 5, 0},         {5, 0, 0},
-                             {-2, 3, 0},        {2, -3, 0},
-                             {-2, -3, 6},       {two_to_32, two_to_32, 0},
-                             {two_to_62, 2, 0}, {two_to_62 + 2, 4, 8}};
+    const Int shapes[][3] = {{3, 3, 9},
+                             {4, 1, 4},
+                             {0, 5, 0},
+                             {5, 0, 0},
+                             {-2, 3, 0},
+                             {2, -3, 0},
+                             {-2, -3, 6},
+                             {two_to_32, two_to_32, 0},
+                             {two_to_62, 2, 0},
+                             {two_to_62 + 2, 4, 8},
+                             {2 - two_to_32, 3, 0}};
     for (const DenseEntry& e : dense_entries) {
         for (const auto& [m, k, count] : shapes) {
             SCOPED_TRACE(call_text(e.name, m, "x", k));
             run(e, {SPARSE_STATUS_INVALID_VALUE, nullptr}, m, k);
             expect_cleared(count);
         }
+    }
+}
+
+TEST(DenseContract, NullRowPointer) {
+    for (const DenseEntry& e : dense_entries) {
+        run(e, {SPARSE_STATUS_NOT_INITIALIZED, nullptr}, 3, 4, 2, nullptr);
+        EXPECT_EQ(mkl.calls.front(), call_text("create", 0, 1, 3, 4, 0, "0x8", +col_ind, +val)) << e.name;
+        expect_cleared(12);
     }
 }
 

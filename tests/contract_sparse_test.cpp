@@ -5,9 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <numeric>
-#include <sys/mman.h>
+#include <string_view>
 #include <thread>
 
 namespace {
@@ -41,35 +42,30 @@ std::vector<sparse_matrix_t> script_wraps(unsigned failing, bool null_after_fail
     return handles;
 }
 
-template <class T>
-std::string create(Int rows, Int cols, const T* val, const Int* col_ind, const Int* row_ptr) {
+std::string create(Int rows, Int cols, const double* val, const Int* col_ind, const Int* row_ptr) {
     return call_text("create", 0, 1, rows, cols, row_ptr, row_ptr + 1, col_ind, val);
 }
 
-// The output holds 1, 2, 3 ... in its first elements, and what it held before from there on.
+// The output holds 1, 2, 3 ... in its first `counted` elements, then zeros up to `written`, and what it
+// held before from there on.
 template <class T>
-void expect_counted(const std::vector<T>& output, Int count) {
+void expect_counted(const std::vector<T>& output, Int counted, Int written) {
     std::vector<T> expected(output.size(), untouched);
-    std::iota(expected.begin(), expected.begin() + count, T{1});
+    std::fill_n(expected.begin(), written, T{0});
+    std::iota(expected.begin(), expected.begin() + counted, T{1});
     EXPECT_EQ(output, expected);
 }
 
 struct CsrOutput {
-    explicit CsrOutput(Int elements = m * n)
+    explicit CsrOutput(Int elements = m * n, Int row_pointers = m + 1)
         : val(static_cast<std::size_t>(elements + guard), untouched), col_ind(val.size(), untouched),
-          row_ptr(m + 1 + guard, untouched) {}
+          row_ptr(static_cast<std::size_t>(row_pointers + guard), untouched) {}
 
     void multiply(Int stage = 0, Int rows = m, Int columns = n) {
         Int ignored_result = untouched;
         spgmatspgmattr_mkl_int64_new(stage, rows, k, columns, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr,
                                      -1, val.data(), col_ind.data(), row_ptr.data(), ignored_result);
         EXPECT_EQ(ignored_result, untouched);
-    }
-
-    void expect_copied(Int row_pointers, Int entries) const {
-        expect_counted(row_ptr, row_pointers);
-        expect_counted(col_ind, entries);
-        expect_counted(val, entries);
     }
 
     std::vector<double> val;
@@ -91,7 +87,7 @@ TEST(SparseContract, DenseResultCallByCall) {
                 call_text("sp2md", 10, "20/40/50", handles[0], 11, "20/40/50", handles[1], 1, 0, c.data(), 102, m),
                 call_text("destroy", handles[1]), call_text("destroy", handles[0])};
             EXPECT_EQ(mkl.calls, expected);
-            expect_counted(c, 0);
+            expect_counted(c, 0, 0);
         }
     }
 }
@@ -119,105 +115,242 @@ TEST(SparseContract, CsrResultCallByCall) {
                     call_text("destroy", handles[1]),
                     call_text("destroy", handles[0])};
                 EXPECT_EQ(mkl.calls, expected);
-                c.expect_copied(0, 0); // the export wrote nothing
+                expect_counted(c.row_ptr, 0, 0); // the export wrote nothing
+                expect_counted(c.col_ind, 0, 0);
+                expect_counted(c.val, 0, 0);
             }
         }
     }
 }
 
-// Memory of `count` elements 1, 2, 3 ... that ends where nothing can be read; null for a negative count.
-template <class T>
-std::shared_ptr<T> ending_array(Int count) {
-    constexpr std::size_t page = 4096;
-    constexpr std::size_t bytes = 10 * page; // 5120 elements
-    if (count < 0) {
-        return nullptr;
+// What stage 2 asks for depends on the state of the output: only what a count leaves is a full product.
+TEST(SparseContract, RequestOfAFinish) {
+    const struct {
+        Int stage, m, n, row_ptr, col_ind;
+        int request;
+    } cases[] = {{2, 3, 5, 1, 0, 90},  {2, 1, 1, 1, 0, 90},  {2, 3, 5, 1, 1, 92},   {2, 3, 5, 1, -1, 92},
+                 {2, 3, 5, 0, 0, 92},  {2, 3, 5, 2, 0, 92},  {2, 0, 5, 1, 0, 92},   {2, 3, 0, 1, 0, 92},
+                 {2, -3, 5, 1, 0, 92}, {2, 3, -5, 1, 0, 92}, {2, -3, -5, 1, 0, 92}, {1, 3, 5, 1, 0, 91},
+                 {0, 3, 5, 1, 1, 90}};
+    for (const auto& t : cases) {
+        for (const char* null : {"", "row_ptr", "col_ind"}) {
+            SCOPED_TRACE(call_text("stage", t.stage, t.m, "x", t.n, "state", t.row_ptr, t.col_ind, "null", null));
+            script_wraps(0, false);
+            Int ignored = 0;
+            Int row_ptr[] = {t.row_ptr};
+            Int col_ind[] = {t.col_ind};
+            const std::string_view is_null = null;
+            spgmatspgmattr_mkl_int64_new(t.stage, t.m, k, t.n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr,
+                                         0, nullptr, is_null == "col_ind" ? nullptr : col_ind,
+                                         is_null == "row_ptr" ? nullptr : row_ptr, ignored);
+            const int request = t.stage == 2 && !is_null.empty() ? 92 : t.request;
+            EXPECT_EQ(mkl.calls.at(3), call_text("sp2m", 10, "20/40/50", fake_handle(0xa0), 11, "20/40/50",
+                                                 fake_handle(0xb0), request, fake_handle(0xc0)));
+        }
     }
-    auto* const mapping =
-        static_cast<char*>(mmap(nullptr, bytes + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    mprotect(mapping + bytes, page, PROT_NONE);
-    auto* const data = reinterpret_cast<T*>(mapping + bytes) - count;
-    std::iota(data, data + count, T{1});
-    return {data, [mapping](T*) { munmap(mapping, bytes + page); }};
 }
 
-TEST(SparseContract, CopyRunsOverMTimesNAndEndsWhereNothingCanBeRead) {
+// A null row pointer is passed on as it stands, with the address one element behind it.
+TEST(SparseContract, NullRowPointers) {
+    script_wraps(7, true);
+    Int ignored = 0;
+    spgmatspgmattr_mkl_int64_new(0, m, k, n, a_val, a_col_ind, nullptr, b_val, b_col_ind, nullptr, 0, nullptr, nullptr,
+                                 nullptr, ignored);
+    const auto text = [](Int rows, Int cols, const double* val, const Int* col_ind) {
+        return call_text("create", 0, 1, rows, cols, 0, "0x8", col_ind, val);
+    };
+    mkl.calls.resize(3);
+    EXPECT_EQ(mkl.calls,
+              (std::vector{text(m, k, a_val, a_col_ind), text(n, k, b_val, b_col_ind), text(m, n, nullptr, nullptr)}));
+}
+
+// An array 1, 2, 3 ... of exactly so many elements, null for a negative number. MKL makes the block.
+template <class T>
+struct Source {
+    explicit Source(Int count) : data(count < 0 ? nullptr : new T[static_cast<std::size_t>(count)]), length(count) {
+        std::iota(data.get(), data.get() + std::max<Int>(count, 0), T{1});
+    }
+    void make_block() const {
+        mkl.next_block = data.get();
+        mkl_serv_malloc(sizeof(T) * static_cast<std::size_t>(length), 64);
+    }
+    std::unique_ptr<T[]> data;
+    Int length;
+};
+
+TEST(SparseContract, CopyRunsOverMTimesNAndIsZeroBeyondMklsArrays) {
     constexpr Int null = -1;
     constexpr Int two_to_62 = Int{1} << 62;
     const struct {
         Int m, n, exported_rows;
-        Int rows_start, col_indx, values; // how many elements can be read
-        Int row_pointers, entries;        // how many are copied
-    } cases[] = {{3, 5, 3, 4, 15, 15, 4, 15},
-                 {3, 5, 3, 4, 99, 99, 4, 15},
-                 {1, 1, 1, 2, 1, 1, 2, 1},
-                 {70, 70, 9, 10, 4900, 4900, 10, 4900},
-                 {70, 70, 1, 2, 4895, 4899, 2, 4895},
-                 {3, 5, 3, 4, 4, 9, 4, 4},
-                 {3, 5, 3, 4, 9, 6, 4, 6},
-                 {3, 5, 3, 4, 0, 15, 4, 0},
-                 {3, 5, 3, 4, null, 15, 4, 0},
-                 {3, 5, 3, 4, 15, null, 4, 0},
-                 {3, 5, 7, 8, 15, 15, 8, 15},
-                 {3, 5, 0, 1, 15, 15, 1, 15},
-                 {3, 5, -1, 9, 15, 15, 0, 15},
-                 {3, 5, INT64_MAX, 9, 15, 15, 0, 15},
-                 {3, 5, 3, 2, 15, 15, 2, 15},
-                 {3, 5, 3, null, 15, 15, 0, 15},
-                 {0, 5, 0, 1, 15, 15, 1, 0},
-                 {5, 0, 5, 6, 15, 15, 6, 0},
-                 {-3, 5, 3, 4, 15, 15, 4, 0},
-                 {-3, -5, 3, 4, 15, 15, 4, 15},
-                 {two_to_62, 4, 3, 4, 15, 15, 4, 0},
-                 {two_to_62 + 3, 4, 3, 4, 15, 15, 4, 12}};
+        Int col_indx, values;      // their lengths
+        Int row_pointers, entries; // how many elements are written
+        const char* skipped_output = "";
+    } cases[] = {{3, 5, 3, 15, 15, 4, 15},
+                 {3, 5, 3, 99, 99, 4, 15}, // a column twice in a row
+                 {1, 1, 1, 1, 1, 2, 1},
+                 {70, 70, 9, 4900, 4900, 10, 4900},
+                 {70, 70, 1, 4894, 4893, 2, 4900},
+                 {2, 70, 5000, 140, 140, 5001, 140},
+                 {3, 5, 3, 14, 14, 4, 15},
+                 {3, 5, 3, 4, 9, 4, 15},
+                 {3, 5, 3, 9, 6, 4, 15},
+                 {3, 5, 3, 0, 15, 4, 15},
+                 {3, 5, 3, null, 15, 4, 15},
+                 {3, 5, 3, 15, null, 4, 15},
+                 {3, 5, 3, null, null, 4, 15}, // a count
+                 {3, 5, 3, 9, 9, 4, 15, "val"},
+                 {3, 5, 3, 9, 9, 4, 15, "col_ind"},
+                 {3, 5, 3, 9, 9, 0, 15, "row_ptr"},
+                 {3, 5, 7, 15, 15, 8, 15},
+                 {3, 5, 0, 15, 15, 1, 15},
+                 {3, 5, -1, 15, 15, 0, 15},
+                 {3, 5, INT64_MAX, 15, 15, 0, 15},
+                 {0, 5, 0, 15, 15, 1, 0},
+                 {5, 0, 5, 15, 15, 6, 0},
+                 {-3, 5, 3, 15, 15, 4, 0},
+                 {-3, -5, 3, 15, 15, 4, 15},
+                 {two_to_62, 4, 3, 15, 15, 4, 0},
+                 {two_to_62 + 3, 4, 3, 15, 15, 4, 12}};
     for (const auto& t : cases) {
-        SCOPED_TRACE(call_text("m n rows", t.m, t.n, t.exported_rows, "readable", t.rows_start, t.col_indx, t.values));
-        script_wraps(0, false);
-        const auto rows_start = ending_array<Int>(t.rows_start);
-        const auto col_indx = ending_array<Int>(t.col_indx);
-        const auto values = ending_array<double>(t.values);
-        mkl.result = {t.exported_rows, rows_start.get(), col_indx.get(), values.get()};
-        CsrOutput c(t.entries);
-        c.multiply(0, t.m, t.n);
-        c.expect_copied(t.row_pointers, t.entries);
+        for (const Int stage : {0, 1, 2}) {
+            SCOPED_TRACE(
+                call_text("stage m n rows", stage, t.m, t.n, t.exported_rows, "lengths", t.col_indx, t.values));
+            const std::string_view skipped = t.skipped_output;
+            script_wraps(0, false);
+            const Source<Int> rows_start(std::max<Int>(t.row_pointers, 1));
+            const Source<Int> col_indx(t.col_indx);
+            const Source<double> values(t.values);
+            mkl.on_product = [&] {
+                col_indx.make_block();
+                values.make_block();
+            };
+            mkl.result = {t.exported_rows, rows_start.data.get(), col_indx.data.get(), values.data.get()};
+            CsrOutput c(t.entries, t.row_pointers);
+            Int ignored = 0;
+            spgmatspgmattr_mkl_int64_new(stage, t.m, k, t.n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr,
+                                         0, skipped == "val" ? nullptr : c.val.data(),
+                                         skipped == "col_ind" ? nullptr : c.col_ind.data(),
+                                         skipped == "row_ptr" ? nullptr : c.row_ptr.data(), ignored);
+            const auto expect = [&](const char* name, const auto& output, Int counted, Int written) {
+                SCOPED_TRACE(name);
+                expect_counted(output, skipped == name ? 0 : std::clamp<Int>(counted, 0, written),
+                               skipped == name ? 0 : written);
+            };
+            expect("row_ptr", c.row_ptr, t.row_pointers, t.row_pointers);
+            expect("col_ind", c.col_ind, t.col_indx, t.entries);
+            expect("val", c.val, t.values, t.entries);
+        }
     }
 }
 
-TEST(SparseContract, KernelIsAskedOnlyWhereTheSourceMayEnd) {
-    const auto counted = ending_array<Int>(m * n);
-    const auto values = ending_array<double>(m * n);
-    const auto fewer = ending_array<Int>(m * n - 1);
-    const Int full[] = {1, 6, 11, m * n + 1};
-    const Int one_missing[] = {1, 6, 11, m * n};
-    CsrOutput own; // what MKL exports when the product has left the slot alone, or was finalized
-    std::iota(own.col_ind.begin(), own.col_ind.begin() + m * n, 1);
-    std::iota(own.val.begin(), own.val.begin() + m * n, 1.0);
+// Nothing is exported without a row pointer, whatever else the export gives.
+TEST(SparseContract, NoRowPointerNoCopy) {
+    const Source<Int> col_indx(m * n);
+    const Source<double> values(m * n);
+    script_wraps(0, false);
+    mkl.result = {m, nullptr, col_indx.data.get(), values.data.get()};
+    CsrOutput c;
+    c.multiply();
+    expect_counted(c.row_ptr, 0, 0);
+    expect_counted(c.col_ind, 0, 0);
+    expect_counted(c.val, 0, 0);
+}
+
+// Only the blocks made on the calling thread during the product tell how long an array is, the latest
+// of those at one address. Any other array has m*n elements.
+TEST(SparseContract, BlocksThatTellTheLengthOfAnArray) {
+    const Source<Int> rows_start(m + 1);
+    const Source<Int> col_indx(m * n);
+    const Source<double> values(m * n);
+    double workspace = 0;
+    const auto make = [](const void* address, Int elements) {
+        mkl.next_block = const_cast<void*>(address);
+        EXPECT_EQ(mkl_serv_malloc(8 * static_cast<std::size_t>(elements), 64), address);
+    };
+    const auto made = [&](const std::vector<Int>& lengths, int others = 0) {
+        return [=, &col_indx, &values, &workspace] {
+            for (const Int length : lengths) {
+                make(col_indx.data.get(), length);
+                make(values.data.get(), length);
+            }
+            for (int i = 0; i < others; ++i) {
+                make(&workspace, 1);
+            }
+        };
+    };
     const struct {
-        const void *rows_start, *col_indx, *values;
-        bool refuses;
-        int reads;
-        Int entries;
-    } cases[] = {{full, counted.get(), values.get(), false, 1, m * n},
-                 {full, nullptr, values.get(), false, 2, 0}, // as after a count request
-                 {one_missing, fewer.get(), values.get(), false, 7, m * n - 1},
-                 {counted.get(), counted.get(), values.get(), false, 3, m * n},
-                 {counted.get(), counted.get(), values.get(), true, 3, m * n},
-                 {counted.get(), own.col_ind.data(), own.val.data(), false, 1, m * n}};
+        const char* name;
+        ScriptedMkl::Hook on_create, on_product;
+        Int length;
+    } cases[] = {
+        {"none", {}, {}, m * n},
+        {"once", {}, made({7}), 7},
+        {"before the product", made({7}), {}, m * n},
+        {"before the product and in it", made({7}), made({2}), 2},
+        {"on another thread", {}, [&] { std::thread(made({7})).join(); }, m * n},
+        {"shorter at the same address", {}, made({9, 5}), 5},
+        {"longer at the same address", {}, made({5, 9}), 9},
+        {"before 19 other blocks", {}, made({7}, 19), 7},
+        {"after 200 other blocks", {}, [&] { made({}, 200)(), made({7})(); }, 7},
+    };
     for (const auto& t : cases) {
-        SCOPED_TRACE(call_text("expected kernel reads", t.reads, "refused", t.refuses));
+        SCOPED_TRACE(t.name);
         script_wraps(0, false);
-        mkl.kernel_refuses = t.refuses;
-        mkl.result = {m, t.rows_start, t.col_indx, t.values};
-        CsrOutput other;
-        CsrOutput& c = t.values == own.val.data() ? own : other;
+        mkl.on_create = t.on_create;
+        mkl.on_product = t.on_product;
+        mkl.result = {m, rows_start.data.get(), col_indx.data.get(), values.data.get()};
+        CsrOutput c;
         c.multiply();
-        EXPECT_EQ(mkl.kernel_reads, t.reads);
-        expect_counted(c.col_ind, t.entries);
-        expect_counted(c.val, t.entries);
+        expect_counted(c.col_ind, t.length, m * n);
+        expect_counted(c.val, t.length, m * n);
     }
 }
 
-TEST(SparseContract, OnlyTheCallersArraysArePassedOverWhenMklFrees) {
+// The caller's own arrays, as the export gives them when the product left the slot alone or refreshed it.
+TEST(SparseContract, CallersOwnArraysStayAsTheyAre) {
+    CsrOutput c;
+    std::iota(c.val.begin(), c.val.begin() + m * n, 1.0);
+    std::iota(c.col_ind.begin(), c.col_ind.begin() + m * n, 1);
+    std::iota(c.row_ptr.begin(), c.row_ptr.begin() + m + 1, 1);
+    script_wraps(0, false);
+    mkl.result = {m, c.row_ptr.data(), c.col_ind.data(), c.val.data()};
+    c.multiply(2);
+    expect_counted(c.row_ptr, m + 1, m + 1);
+    expect_counted(c.col_ind, m * n, m * n);
+    expect_counted(c.val, m * n, m * n);
+}
+
+// A whole call on another thread, between the export of the first and its copy, changes nothing in it.
+TEST(SparseContract, CallsOnTwoThreadsShareNothing) {
+    const Source<Int> rows_start(m + 1);
+    const Source<Int> col_indx(9);
+    const Source<double> values(9);
+    const Source<Int> other_rows_start(2);
+    script_wraps(0, false);
+    mkl.on_product = [&] {
+        col_indx.make_block();
+        values.make_block();
+    };
+    mkl.result = {m, rows_start.data.get(), col_indx.data.get(), values.data.get()};
+    mkl.on_export = [&] {
+        std::thread([&] {
+            mkl.wraps.assign(3, {SPARSE_STATUS_SUCCESS, new_handle});
+            mkl.result = {1, other_rows_start.data.get(), nullptr, nullptr};
+            CsrOutput other;
+            other.multiply(1, 1, 2);
+            expect_counted(other.row_ptr, 2, 2);
+            expect_counted(other.val, 0, 2);
+        }).join();
+    };
+    CsrOutput c;
+    c.multiply();
+    expect_counted(c.row_ptr, m + 1, m + 1);
+    expect_counted(c.col_ind, 9, m * n);
+    expect_counted(c.val, 9, m * n);
+}
+
+TEST(SparseContract, OnlyTheCallersArraysAreKeptWhenMklFrees) {
     using Freed = std::vector<const void*>;
     CsrOutput c;
     double other = 0;
@@ -229,11 +362,12 @@ TEST(SparseContract, OnlyTheCallersArraysArePassedOverWhenMklFrees) {
         }
         return mkl.freed;
     };
-    script_wraps(0, false);
-    mkl.on_destroy = [&] {
+    const auto expect_kept = [&] {
         EXPECT_EQ(freed_now(), Freed{&other});
         std::thread([&] { EXPECT_EQ(freed_now(), everything); }).join();
     };
+    script_wraps(0, false);
+    mkl.on_product = mkl.on_destroy = expect_kept;
     c.multiply(2);
     EXPECT_EQ(mkl.calls.size(), 8U);
     EXPECT_EQ(freed_now(), everything) << "the call left state behind";

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <limits>
+#include <pthread.h>
 #include <random>
 #include <thread>
 
@@ -165,12 +166,27 @@ struct CsrOutput : Csr {
         EXPECT_EQ(ignored_result, untouched);
     }
 
+    // Every element: the product's entries, each once, then zeros, then the guard.
     void expect_product(const Dense& expected) const {
         Dense c(expected.size());
-        each([&](Int row, Int col, double value) { c.at(size(row + col * rows)) += value; });
+        each([&](Int row, Int col, double value) {
+            EXPECT_EQ(c.at(size(row + col * rows)), 0.0) << "an entry stands twice, or is zero";
+            c.at(size(row + col * rows)) = value;
+        });
         EXPECT_TRUE(c == expected);
-        EXPECT_EQ(Dense(val.end() - guard, val.end()), Dense(guard, untouched));
-        EXPECT_EQ(Indices(col_ind.end() - guard, col_ind.end()), Indices(guard, untouched));
+        expect_zeros_from(Int(std::count_if(expected.begin(), expected.end(), [](double x) { return x != 0.0; })));
+    }
+
+    void expect_zeros_from(Int stored) const {
+        EXPECT_EQ(row_ptr[size(rows)], stored + 1);
+        const auto is_tail = [&](const auto& output, Int first_guard) {
+            const auto guard_begin = output.begin() + first_guard;
+            return std::all_of(output.begin() + std::min(stored, first_guard), guard_begin,
+                               [](auto x) { return x == 0; }) &&
+                   std::all_of(guard_begin, output.end(), [](auto x) { return x == untouched; });
+        };
+        EXPECT_TRUE(is_tail(val, rows * cols));
+        EXPECT_TRUE(is_tail(col_ind, rows * cols));
         EXPECT_EQ(Indices(row_ptr.end() - guard, row_ptr.end()), Indices(guard, untouched));
     }
 };
@@ -185,11 +201,13 @@ void expect_transposed_products(Int m, Int k, Int n, double a_density, double b_
     c.multiply(7, m, n, a, b);
     c.expect_product(expected);
 
-    CsrOutput counted(m, n);
-    counted.multiply(1, m, n, a, b);
-    EXPECT_EQ(counted.row_ptr, c.row_ptr);
-    EXPECT_EQ(counted.val, CsrOutput(m, n).val);
-    EXPECT_EQ(counted.col_ind, CsrOutput(m, n).col_ind);
+    CsrOutput staged(m, n);
+    staged.multiply(1, m, n, a, b);
+    EXPECT_EQ(staged.row_ptr, c.row_ptr);
+    EXPECT_TRUE(std::all_of(staged.val.begin(), staged.val.end() - guard, [](double x) { return x == 0.0; }));
+    EXPECT_TRUE(std::all_of(staged.col_ind.begin(), staged.col_ind.end() - guard, [](Int x) { return x == 0; }));
+    staged.multiply(2, m, n, a, b);
+    staged.expect_product(expected);
 
     Dense dense(size(m * n + guard), nan);
     std::fill(dense.end() - guard, dense.end(), untouched);
@@ -198,25 +216,38 @@ void expect_transposed_products(Int m, Int k, Int n, double a_density, double b_
     EXPECT_TRUE(dense == expected);
 
     std::for_each(a.val.begin(), a.val.end(), [](double& value) { value += 10; });
-    c.multiply(2, m, n, a, b); // a value refresh
-    c.expect_product(transposed_product(a, b));
+    expected = transposed_product(a, b);
+    for (const Int stage : {2, 0}) { // a refresh, then one call on arrays that hold a product
+        for (CsrOutput* output : {&c, &staged}) {
+            output->multiply(stage, m, n, a, b);
+            output->expect_product(expected);
+        }
+    }
 }
 
-TEST(TransposedProducts, AgreeWithPlainLoops) {
-    const std::tuple<Int, Int, Int, double, double> cases[] = {{1, 1, 1, 1.0, 1.0},
-                                                               {2, 3, 4, 1.0, 1.0},
-                                                               {40, 60, 30, 0.0, 0.1},
-                                                               {5, 300, 200, 0.5, 0.1},
-                                                               {200, 300, 5, 0.5, 0.01},
-                                                               {700, 50, 600, 1.0, 1.0},
-                                                               {900, 5000, 700, 1e-3, 1e-3},
-                                                               {1500, 40, 1500, 1e-3, 1e-3},
-                                                               {3000, 3000, 3000, 5e-4, 5e-4},
-                                                               {3000, 3000, 3000, 2e-3, 2e-3},
-                                                               {3000, 500, 3000, 0.02, 0.02}};
+void expect_transposed_products(const std::vector<std::tuple<Int, Int, Int, double, double>>& cases) {
     for (const auto& [m, k, n, a_density, b_density] : cases) {
         expect_transposed_products(m, k, n, a_density, b_density);
     }
+}
+
+// Small enough for memcheck.
+TEST(TransposedProducts, SmallOnesAgreeWithPlainLoops) {
+    expect_transposed_products({{1, 1, 1, 1.0, 1.0},
+                                {2, 3, 4, 1.0, 1.0},
+                                {40, 60, 30, 0.0, 0.1},
+                                {5, 300, 200, 0.5, 0.1},
+                                {200, 300, 5, 0.5, 0.01},
+                                {400, 500, 300, 0.05, 0.05}});
+}
+
+TEST(TransposedProducts, LargeOnesAgreeWithPlainLoops) {
+    expect_transposed_products({{700, 50, 600, 1.0, 1.0},
+                                {900, 5000, 700, 1e-3, 1e-3},
+                                {1500, 40, 1500, 1e-3, 1e-3},
+                                {3000, 3000, 3000, 5e-4, 5e-4},
+                                {3000, 3000, 3000, 2e-3, 2e-3},
+                                {3000, 500, 3000, 0.02, 0.02}});
 }
 
 // MKL refuses a B without entries, as it refuses a null handle.
@@ -245,7 +276,33 @@ TEST(TransposedProducts, OperandsThatMklRefusesLeaveTheOutputs) {
     }
 }
 
-// Where one thread's arrays end another's begin, and are unmapped while the first still reads.
+// The stack that a call needs is promised to hosts.
+TEST(Stack, EveryEntryOnAThreadWith64Kilobytes) {
+    static Csr a(300, 300, 0.1, 1); // static: the thread's own stack is for the library
+    static Dense b(300 * 9, 1.0);
+    static Dense c(300 * 300);
+    static CsrOutput output(300, 300);
+    const auto run = [](void*) -> void* {
+        for (const DenseEntry& e : dense_entries) {
+            e.call(a.val.data(), a.col_ind.data(), a.row_ptr.data(), b.data(), 300, 300, 300, 9, c.data(), 300);
+        }
+        multiply_dense(300, 300, a, a, c);
+        for (const Int stage : {0, 1, 2, 2}) {
+            output.multiply(stage, 300, 300, a, a);
+        }
+        return nullptr;
+    };
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    ASSERT_EQ(pthread_attr_setstacksize(&attributes, std::size_t{64} << 10), 0);
+    pthread_t thread{};
+    ASSERT_EQ(pthread_create(&thread, &attributes, run, nullptr), 0);
+    pthread_join(thread, nullptr);
+    const Dense expected = transposed_product(a, a);
+    EXPECT_TRUE(c == expected);
+    output.expect_product(expected);
+}
+
 TEST(TransposedProducts, EightThreadsAtOnce) {
     std::vector<std::thread> threads;
     for (unsigned seed = 0; seed < 8; ++seed) {

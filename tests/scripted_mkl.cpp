@@ -2,10 +2,7 @@
 
 #include <mkl_service.h>
 
-#include <cerrno>
-#include <sys/syscall.h>
-#include <sys/uio.h>
-#include <unistd.h>
+#include <utility>
 
 ScriptedMkl mkl;
 
@@ -25,6 +22,13 @@ T* writable(const void* array) {
     return static_cast<T*>(const_cast<void*>(array));
 }
 
+// A hook may make further calls, so it runs once.
+void run(ScriptedMkl::Hook& hook) {
+    if (const auto once = std::exchange(hook, {})) {
+        once();
+    }
+}
+
 } // namespace
 
 extern "C" {
@@ -35,12 +39,13 @@ sparse_status_t mkl_sparse_d_create_csr(Handle* handle, sparse_index_base_t base
     const auto wrap = mkl.wraps.front();
     mkl.wraps.pop_front();
     *handle = wrap.handle != nullptr ? wrap.handle : *handle;
+    run(mkl.on_create);
     return wrap.status;
 }
 
 sparse_status_t mkl_sparse_destroy(Handle handle) {
     record("destroy", handle);
-    mkl.on_destroy();
+    run(mkl.on_destroy);
     return SPARSE_STATUS_NOT_INITIALIZED;
 }
 
@@ -64,6 +69,7 @@ sparse_status_t mkl_sparse_sp2m(Operation operation_a, matrix_descr descr_a, Han
                                 matrix_descr descr_b, Handle b, sparse_request_t request, Handle* c) {
     record("sp2m", operation_a, descr_a, a, operation_b, descr_b, b, request, *c);
     *c = mkl.product_handle != nullptr ? mkl.product_handle : *c;
+    run(mkl.on_product);
     return mkl.product_status;
 }
 
@@ -79,6 +85,7 @@ sparse_status_t mkl_sparse_d_export_csr(Handle handle, sparse_index_base_t* base
     *rows_start = writable<MKL_INT>(mkl.result.rows_start);
     *col_indx = writable<MKL_INT>(mkl.result.col_indx);
     *values = writable<double>(mkl.result.values);
+    run(mkl.on_export);
     return SPARSE_STATUS_SUCCESS;
 }
 
@@ -86,17 +93,12 @@ void mkl_set_num_threads(int count) {
     record("threads", count);
 }
 
-void mkl_serv_free(void* block) {
-    mkl.freed.push_back(block);
+void* mkl_serv_malloc(std::size_t /*size*/, int /*alignment*/) {
+    return mkl.next_block;
 }
 
-// The kernel's own, unless a test scripts a sandbox that refuses it.
-ssize_t process_vm_readv(pid_t process, const iovec* local, unsigned long local_count, const iovec* remote,
-                         unsigned long remote_count, unsigned long flags) {
-    ++mkl.kernel_reads;
-    errno = EPERM;
-    return mkl.kernel_refuses ? -1
-                              : syscall(SYS_process_vm_readv, process, local, local_count, remote, remote_count, flags);
+void mkl_serv_free(void* block) {
+    mkl.freed.push_back(block);
 }
 
 } // extern "C"

@@ -2,6 +2,8 @@
 
 #include <mkl_spblas.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <optional>
@@ -43,14 +45,15 @@ struct ScriptedMkl {
     sparse_status_t product_status = SPARSE_STATUS_SUCCESS;
     sparse_matrix_t product_handle = nullptr; // put into the slot of sp2m unless null
     Export result;
-    std::function<void()> on_destroy = [] {};
-    bool kernel_refuses = false; // process_vm_readv fails with EPERM
+    using Hook = std::function<void()>;
+    Hook on_create, on_product, on_export, on_destroy; // run within the call, at its end
+    void* next_block = nullptr;                        // what mkl_serv_malloc returns
 
     std::vector<std::string> calls;
     std::vector<const void*> freed; // by mkl_serv_free, past the library's wrapper
-    int kernel_reads = 0;           // calls of process_vm_readv
 };
 
 extern ScriptedMkl mkl;
 
+extern "C" void* mkl_serv_malloc(std::size_t size, int alignment);
 extern "C" void mkl_serv_free(void* block);

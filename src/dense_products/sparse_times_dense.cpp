@@ -5,6 +5,7 @@
 #include "operand/sparse_handle.h"
 #include "operand/zero_fill.h"
 
+namespace csr_products {
 namespace {
 
 struct DenseOperand {
@@ -16,7 +17,7 @@ void multiply(sparse_operation_t operation, const CsrOperand& a, const Descripto
               std::int64_t columns, double beta, DenseOperand c) noexcept {
     const SparseHandle handle(a);
     if (handle.wrapped()) {
-        mkl_sparse_d_mm(operation, alpha, handle.get(), preset, ColumnMajor, b.values, columns, b.leading_dimension,
+        mkl_sparse_d_mm(operation, Alpha, handle.get(), preset, ColumnMajor, b.values, columns, b.leading_dimension,
                         beta, c.values, c.leading_dimension);
     } else {
         zero_fill(c.values, a);
@@ -24,6 +25,9 @@ void multiply(sparse_operation_t operation, const CsrOperand& a, const Descripto
 }
 
 } // namespace
+} // namespace csr_products
+
+using namespace csr_products;
 
 void spgmatgmat_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
                             double* const b, std::int64_t m, std::int64_t k, std::int64_t n, double* const c) noexcept {

@@ -5,18 +5,22 @@
 #include "operand/sparse_handle.h"
 #include "operand/zero_fill.h"
 
+namespace csr_products {
 namespace {
 
 void multiply(const CsrOperand& a, const double* x, double beta, double* y) noexcept {
     const SparseHandle handle(a);
     if (handle.wrapped()) {
-        mkl_sparse_d_mv(NonTranspose, alpha, handle.get(), GeneralFull, x, beta, y);
+        mkl_sparse_d_mv(NonTranspose, Alpha, handle.get(), GeneralFull, x, beta, y);
     } else {
         zero_fill(y, a);
     }
 }
 
 } // namespace
+} // namespace csr_products
+
+using namespace csr_products;
 
 void spgmatgvec_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
                             double* const x, std::int64_t m, std::int64_t k, double* const y) noexcept {

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+namespace csr_products {
+
 // A borrowed one-based CSR matrix. val and col_ind hold nnz entries, row_ptr holds rows + 1.
 struct CsrOperand {
     std::int64_t rows;
@@ -15,3 +17,5 @@ struct CsrOperand {
 inline std::int64_t dense_size(const CsrOperand& a) noexcept {
     return static_cast<std::int64_t>(static_cast<std::uint64_t>(a.rows) * static_cast<std::uint64_t>(a.cols));
 }
+
+} // namespace csr_products

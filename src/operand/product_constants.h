@@ -2,6 +2,8 @@
 
 #include <mkl_spblas.h>
 
+namespace csr_products {
+
 using DescriptorPreset = matrix_descr;
 
 inline constexpr DescriptorPreset GeneralFull{SPARSE_MATRIX_TYPE_GENERAL, SPARSE_FILL_MODE_FULL, SPARSE_DIAG_NON_UNIT};
@@ -16,8 +18,10 @@ inline constexpr sparse_operation_t NonTranspose = SPARSE_OPERATION_NON_TRANSPOS
 inline constexpr sparse_operation_t Transpose = SPARSE_OPERATION_TRANSPOSE;
 inline constexpr sparse_layout_t ColumnMajor = SPARSE_LAYOUT_COLUMN_MAJOR;
 
-inline constexpr double alpha = 1.0;
+inline constexpr double Alpha = 1.0;
 
 // The two values of beta.
 inline constexpr double Overwrite = 0.0;
 inline constexpr double Accumulate = 1.0;
+
+} // namespace csr_products

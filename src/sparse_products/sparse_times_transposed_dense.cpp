@@ -4,17 +4,21 @@
 #include "operand/product_constants.h"
 #include "operand/sparse_handle.h"
 
+namespace csr_products {
 namespace {
 
 // Kept on purpose: neither wrap is examined, and MKL gets the handles as they stand.
 void multiply(const CsrOperand& a, const CsrOperand& b, double* c) noexcept {
     const SparseHandle a_handle(a);
     const SparseHandle b_handle(b);
-    mkl_sparse_d_sp2md(NonTranspose, GeneralLower, a_handle.get(), Transpose, GeneralLower, b_handle.get(), alpha,
+    mkl_sparse_d_sp2md(NonTranspose, GeneralLower, a_handle.get(), Transpose, GeneralLower, b_handle.get(), Alpha,
                        Overwrite, c, ColumnMajor, a.rows);
 }
 
 } // namespace
+} // namespace csr_products
+
+using namespace csr_products;
 
 void spgmatspgmattr_gmat_mkl_int64_new(std::int64_t m, std::int64_t k, std::int64_t n, //
                                        double* const a_val, std::int64_t* const a_col_ind,

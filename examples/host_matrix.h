@@ -2,6 +2,7 @@
 
 #include <Eigen/SparseCore>
 
+#include <algorithm>
 #include <cstdint>
 
 using Int = std::int64_t;
@@ -14,7 +15,8 @@ public:
     explicit HostMatrix(EigenMatrix matrix) {
         matrix_.swap(matrix);
         matrix_.makeCompressed();
-        col_ind_ = Indices::Map(matrix_.innerIndexPtr(), matrix_.nonZeros()).array() + 1;
+        col_ind_.resize(std::max<Int>(matrix_.nonZeros(), 1)); // never null, which the library would refuse
+        col_ind_.head(matrix_.nonZeros()) = Indices::Map(matrix_.innerIndexPtr(), matrix_.nonZeros()).array() + 1;
         row_ptr_ = Indices::Map(matrix_.outerIndexPtr(), matrix_.rows() + 1).array() + 1;
     }
 

@@ -50,7 +50,10 @@ std::string shape(Int m, Int k, Int n) {
 
 enum class Kind { plain, accumulating, transposed };
 
-void measure_dense_products(const HostMatrix& a, bool symmetric, std::vector<Measurement>& table) {
+using Started = std::function<void(const std::string&)>;
+
+void measure_dense_products(const HostMatrix& a, bool symmetric, const Started& started,
+                            std::vector<Measurement>& table) {
     const Int m = a.rows();
     const Int k = a.cols();
     const Int n = block_columns;
@@ -59,6 +62,7 @@ void measure_dense_products(const HostMatrix& a, bool symmetric, std::vector<Mea
     Int* const row_ptr = a.row_ptr();
     // Runs an entry on random operands of so many columns, and Eigen's product of the same kind beside it.
     const auto measure = [&](const char* product, const char* entry, Int columns, Kind kind, auto call) {
+        started(product);
         const bool transposed = kind == Kind::transposed;
         const MatrixXd b = MatrixXd::Random(transposed ? m : k, columns);
         const MatrixXd start = MatrixXd::Random(transposed ? k : m, columns);
@@ -138,8 +142,12 @@ struct CsrResult {
 };
 
 // A*A^T on the leading rows of the matrix, as many as fit: dense, and CSR by each stage.
-void measure_transposed_products(const HostMatrix& matrix, std::vector<Measurement>& table) {
+void measure_transposed_products(const HostMatrix& matrix, const Started& started, std::vector<Measurement>& table) {
     const HostMatrix a(matrix.eigen().topRows(std::min(matrix.rows(), slab_rows)));
+    if (a.stored() == 0) {
+        return; // MKL refuses a second operand without entries
+    }
+    started("A*A^T");
     const Int m = a.rows();
     const std::string slab = shape(m, a.cols(), m);
     const char* const csr_entry = "spgmatspgmattr_mkl_int64_new";
@@ -167,6 +175,10 @@ void measure_transposed_products(const HostMatrix& matrix, std::vector<Measureme
         {"A*A^T count", csr_entry, slab, c.stored(), count_milliseconds, none,
          relative_difference(c.row_ptr.cast<double>(), (expected_row_ptr.array() + 1).matrix().cast<double>())});
 
+    const double finish_milliseconds = median_milliseconds([&] { c.multiply(1, a); }, [&] { c.multiply(2, a); });
+    table.push_back({"A*A^T finish", csr_entry, slab, c.stored(), finish_milliseconds, eigen_milliseconds,
+                     relative_difference(c.dense(), expected_dense)});
+
     const double csr_milliseconds = median_milliseconds([&] { c.multiply(0, a); });
     table.push_back({"A*A^T CSR", csr_entry, slab, c.stored(), csr_milliseconds, eigen_milliseconds,
                      relative_difference(c.dense(), expected_dense)});
@@ -179,9 +191,9 @@ void measure_transposed_products(const HostMatrix& matrix, std::vector<Measureme
 
 } // namespace
 
-std::vector<Measurement> measure_products(const HostMatrix& a, bool symmetric) {
+std::vector<Measurement> measure_products(const HostMatrix& a, bool symmetric, const Started& started) {
     std::vector<Measurement> table;
-    measure_dense_products(a, symmetric, table);
-    measure_transposed_products(a, table);
+    measure_dense_products(a, symmetric, started, table);
+    measure_transposed_products(a, started, table);
     return table;
 }

@@ -2,6 +2,7 @@
 
 #include "host_matrix.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,5 +16,7 @@ struct Measurement {
     double difference;         // greatest absolute one, relative to the greatest element
 };
 
-// Every product family once on a, each beside Eigen's own. The symmetric entries run if a is so.
-std::vector<Measurement> measure_products(const HostMatrix& a, bool symmetric);
+// Every product family once on a, each beside Eigen's own; `started` gets the name of each. The symmetric
+// entries run if a is symmetric, and A*A^T runs on the leading rows that have entries and fit.
+std::vector<Measurement> measure_products(const HostMatrix& a, bool symmetric,
+                                          const std::function<void(const std::string&)>& started);

@@ -3,6 +3,7 @@
 
 #include "matrix_source.h"
 #include "products.h"
+#include "progress_line.h"
 #include "sparse_operator.h"
 
 #include <CLI/CLI.hpp>
@@ -12,27 +13,11 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <unistd.h>
 
 namespace {
 
 constexpr double solver_tolerance = 1e-8;
 constexpr double greatest_difference = 1e-12;
-
-// A line on the terminal that each new one overwrites; nothing where there is no terminal.
-class ProgressLine {
-public:
-    ~ProgressLine() { show(""); }
-
-    void show(const std::string& text) const {
-        if (terminal_) {
-            fmt::print(stderr, "\r\033[K{}", text);
-        }
-    }
-
-private:
-    bool terminal_ = isatty(STDERR_FILENO) != 0;
-};
 
 // Solves for a right-hand side whose solution is all ones. Returns whether the solver converged.
 template <class Solver>
@@ -52,7 +37,8 @@ bool solve(const HostMatrix& a, const char* name, int products_an_iteration) {
     solver.compute(matrix);
     const Eigen::VectorXd x = solver.solve(b);
     const double elapsed = seconds();
-    const double residual = (b - a.eigen() * x).norm() / b.norm();
+    const double size = b.norm() > 0 ? b.norm() : 1.0;
+    const double residual = (b - a.eigen() * x).norm() / size;
     const bool converged = solver.info() == Eigen::Success && residual <= 10 * solver_tolerance;
     progress.show("");
     fmt::print("{}: {} after {} iterations and {:.2f} s, relative residual {:.1e}\n\n", name,
@@ -78,6 +64,13 @@ int main(int argc, char** argv) try {
     Int grid = 100;
     int threads = 0;
     CLI::App app("Solves A*x = b with the products of csr_products, and compares every product with Eigen's.");
+    app.footer(fmt::format(R"(A file may have up to {} rows and columns.
+
+Exit status:
+  0  every product agrees with Eigen's; the system of a file may not have converged, which a line tells
+  1  bad arguments, a bad file, too little memory, output that cannot be written
+  2  a product differs from Eigen's, or the Poisson system did not converge)",
+                           greatest_dimension));
     auto* const file =
         app.add_option("file", path, "Matrix Market file; without one, the 3-D Poisson matrix is assembled");
     app.add_option("--grid", grid, "points along an edge of the Poisson cube")
@@ -96,12 +89,12 @@ int main(int argc, char** argv) try {
         qz_mkl_set_num_threads_int64(threads);
         Eigen::setNbThreads(threads);
     }
-    const bool built_in = path.empty();
+    const bool built_in = file->count() == 0;
     const HostMatrix a(built_in ? poisson(grid) : read_matrix_market(path));
     const bool symmetric = is_symmetric(a.eigen());
-    fmt::print("{}: {} x {}, {} stored entries, {}\n\n",
+    fmt::print("{}: {} x {}, {} stored entries, norm {:.6g}, {}\n\n",
                built_in ? fmt::format("Poisson matrix of a {0} x {0} x {0} grid", grid) : path, a.rows(), a.cols(),
-               a.stored(), symmetric ? "symmetric" : "unsymmetric");
+               a.stored(), a.eigen().norm(), symmetric ? "symmetric" : "unsymmetric");
 
     bool converged = true;
     using Jacobi = Eigen::DiagonalPreconditioner<double>;
@@ -114,7 +107,10 @@ int main(int argc, char** argv) try {
         converged = solve<Eigen::BiCGSTAB<SparseOperator, Jacobi>>(a, "BiCGSTAB", 2);
     }
 
-    const std::vector<Measurement> table = measure_products(a, symmetric);
+    const std::vector<Measurement> table =
+        measure_products(a, symmetric, [progress = ProgressLine()](const std::string& product) {
+            progress.show(fmt::format("measuring {}", product));
+        });
     print(table);
     const bool agree = std::all_of(table.begin(), table.end(), [](const Measurement& row) {
         return row.difference <= greatest_difference; // false for NaN
@@ -125,7 +121,10 @@ int main(int argc, char** argv) try {
     if (!converged && built_in) {
         fmt::print(stderr, "solver_host: the Poisson problem did not converge\n");
     }
-    return agree && (converged || !built_in) ? 0 : 1;
+    if (std::fflush(stdout) != 0) {
+        throw std::runtime_error("standard output cannot be written");
+    }
+    return agree && (converged || !built_in) ? 0 : 2;
 } catch (const std::bad_alloc&) {
     fmt::print(stderr, "solver_host: not enough memory for this matrix\n");
     return 1;

@@ -59,11 +59,4 @@ struct Eigen::internal::generic_product_impl<SparseOperator, Rhs, Eigen::SparseS
     static void evalTo(Result& y, const SparseOperator& a, const Rhs& x) {
         a.multiply(x, y.data());
     }
-
-    template <class Result>
-    static void scaleAndAddTo(Result& y, const SparseOperator& a, const Rhs& x, double factor) {
-        Eigen::VectorXd product(a.rows());
-        a.multiply(x, product.data());
-        y += factor * product;
-    }
 };

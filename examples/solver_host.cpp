@@ -92,9 +92,9 @@ Exit status:
     const bool built_in = file->count() == 0;
     const HostMatrix a(built_in ? poisson(grid) : read_matrix_market(path));
     const bool symmetric = is_symmetric(a.eigen());
-    fmt::print("{}: {} x {}, {} stored entries, norm {:.6g}, {}\n\n",
+    fmt::print("{}: {} x {}, {} stored entries that sum to {:.6g}, {}\n\n",
                built_in ? fmt::format("Poisson matrix of a {0} x {0} x {0} grid", grid) : path, a.rows(), a.cols(),
-               a.stored(), a.eigen().norm(), symmetric ? "symmetric" : "unsymmetric");
+               a.stored(), a.eigen().sum(), symmetric ? "symmetric" : "unsymmetric");
 
     bool converged = true;
     using Jacobi = Eigen::DiagonalPreconditioner<double>;

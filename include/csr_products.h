@@ -11,14 +11,26 @@
 /// **Dense operand.** Column-major doubles. Element (i, j) of an array with leading dimension ld
 /// stands at i + j*ld, counted from 0.
 ///
-/// **Ownership.** The caller owns every array. Operands are read, never written; an output must not
-/// overlap an operand. Nothing is allocated that outlives a call, but for the one handle documented
-/// at spgmatspgmattr_mkl_int64_new(). Calls on different outputs may run at the same time.
+/// **Columns.** The column numbers of a row may stand in any order. A column may stand twice in a row
+/// only where a function says that it sums duplicates.
+///
+/// **Ownership.** The caller owns every array. Operands are read and never written, so a const array
+/// may be passed through a const_cast. An output must not overlap an operand. Nothing that is
+/// allocated outlives a call, except the handle described with spgmatspgmattr_mkl_int64_new().
+///
+/// **Threads.** Calls with different outputs may run at the same time. A call needs at most 64 KB of
+/// stack. It may change `errno`. The child of a fork may call, whether the parent has called or not.
 ///
 /// **Failure.** Nothing is reported, by contract: no status, no exception, no output. An operand
 /// cannot be wrapped as an MKL handle when one of its dimensions is <= 0, or when its `col_ind` or
-/// `row_ptr` is null; MKL checks nothing else about it. What a failed wrap does to the output is
-/// said at each function. After any other failure the output holds what MKL left there.
+/// `row_ptr` is null; MKL checks nothing else about it. Each function describes what a failed wrap
+/// does to the output. After any other failure the output holds what MKL left there.
+/// @warning The data() of an empty std::vector is null. A matrix without entries therefore needs a
+/// `col_ind` with at least one element, and a `val` too: with a null `val` the vector functions compute,
+/// but the matrix functions leave C as it was.
+///
+/// **Loading.** A host that loads `libcsr_products.so.1` with dlopen finds each function by the symbol
+/// that stands with it.
 
 #pragma once
 
@@ -28,12 +40,13 @@
 
 /// @name Sparse times dense matrix
 ///
-/// A is m x k and sparse. `_G` reads A as it stands. `_S` takes A for symmetric (m = k): only the
-/// entries on and above the diagonal are read, and mirrored; those below may be stored or not.
+/// A is m x k and sparse. `_G` reads A as it stands. `_S` treats A as symmetric (m = k): it reads only
+/// the entries on and above the diagonal, and mirrors them. Those below may be stored or not. All
+/// functions but spgmattrgmat_mkl_G_int64() sum duplicates.
 ///
-/// The short forms imply the leading dimensions k for B and m for C; the long forms take `ldb` >= k
+/// The short forms imply the leading dimensions k for B and m for C. The long forms take `ldb` >= k
 /// and `ldc` >= m. B holds ldb*n elements, C holds ldc*n. MKL does not check leading dimensions.
-/// Elements of C between m and ldc are left alone.
+/// Elements of C between m and ldc are not touched.
 ///
 /// **A failed wrap** sets the first m*k elements of `c` to 0.0, in the accumulating function too:
 /// A's own shape, neither C's m*n nor `ldc`. With k > n (or a positive product of two negative
@@ -43,24 +56,29 @@
 /// @{
 
 /// C := A*B. `b`: k x n, `c`: m x n, overwritten.
+/// Symbol: `_Z22spgmatgmat_mkl_G_int64PdPlS0_S_lllS_`
 void spgmatgmat_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
                             double* const b, std::int64_t m, std::int64_t k, std::int64_t n, double* const c) noexcept;
 
 /// C := A*B. `b`: k x n, `c`: m x n, overwritten.
+/// Symbol: `_Z22spgmatgmat_mkl_G_int64PdPlS0_S_llllS_l`
 void spgmatgmat_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
                             double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
                             double* const c, std::int64_t ldc) noexcept;
 
 /// C := A*B, A symmetric. `b`: k x n, `c`: m x n, overwritten.
+/// Symbol: `_Z22spgmatgmat_mkl_S_int64PdPlS0_S_lllS_`
 void spgmatgmat_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
                             double* const b, std::int64_t m, std::int64_t k, std::int64_t n, double* const c) noexcept;
 
 /// C := A*B, A symmetric. `b`: k x n, `c`: m x n, overwritten.
+/// Symbol: `_Z22spgmatgmat_mkl_S_int64PdPlS0_S_llllS_l`
 void spgmatgmat_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
                             double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
                             double* const c, std::int64_t ldc) noexcept;
 
 /// C := A*B + C. `b`: k x n, `c`: m x n, read and written. A failed wrap destroys what C held.
+/// Symbol: `_Z25spgmatgmatsum_mkl_G_int64PdPlS0_S_llllS_l`
 void spgmatgmatsum_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
                                double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
                                double* const c, std::int64_t ldc) noexcept;
@@ -68,20 +86,24 @@ void spgmatgmatsum_mkl_G_int64(double* const val, std::int64_t* const col_ind, s
 /// C := A*B, A symmetric. `b`: k x n, `c`: m x n, overwritten.
 /// @warning Despite its name this does not accumulate. It is a second name of the long
 /// spgmatgmat_mkl_S_int64(), and stays so.
+/// Symbol: `_Z25spgmatgmatsum_mkl_S_int64PdPlS0_S_llllS_l`
 void spgmatgmatsum_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
                                double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
                                double* const c, std::int64_t ldc) noexcept;
 
 /// C := A^T*B. `b`: m x n, `c`: k x n, overwritten.
 /// @warning The leading dimensions are those of the plain product, k for B and m for C, for any m
-/// and k. They fit B and C when m = k. Otherwise MKL computes with those strides: with n = 1 they
-/// play no part and the product is right; with n > 1 and m < k the columns of C overlap, and with
-/// m > k those of B do.
+/// and k. They are correct only when m = k or n = 1. Otherwise the columns of C overlap (m < k), or
+/// those of B do (m > k). For a rectangular A and n > 1, pass A as square: s = max(m, k) instead of m
+/// and k, a `row_ptr` of s + 1 elements padded with its last one, and B and C with s rows.
+/// @warning A column that stands twice in a row of A gives wrong values.
+/// Symbol: `_Z24spgmattrgmat_mkl_G_int64PdPlS0_S_lllS_`
 void spgmattrgmat_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
                               double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
                               double* const c) noexcept;
 
 /// C := A^T*B, A symmetric: the same product as the short spgmatgmat_mkl_S_int64().
+/// Symbol: `_Z24spgmattrgmat_mkl_S_int64PdPlS0_S_lllS_`
 void spgmattrgmat_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
                               double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
                               double* const c) noexcept;
@@ -90,18 +112,20 @@ void spgmattrgmat_mkl_S_int64(double* const val, std::int64_t* const col_ind, st
 
 /// @name Sparse times vector
 ///
-/// A is m x k and sparse, `x` holds k elements, `y` holds m.
+/// A is m x k and sparse, `x` holds k elements, `y` holds m. Duplicates are summed.
 ///
 /// **A failed wrap** sets the first m*k elements of `y` to 0.0, in the accumulating function too.
-/// That is A's shape, not y's length: it reaches past y unless k is 1. The product m*k is taken
+/// That is A's shape and not y's length, so it reaches past y unless k is 1. The product m*k is taken
 /// modulo 2^64; nothing is written when it is <= 0.
 /// @{
 
 /// y := A*x. `y` is overwritten.
+/// Symbol: `_Z22spgmatgvec_mkl_G_int64PdPlS0_S_llS_`
 void spgmatgvec_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
                             double* const x, std::int64_t m, std::int64_t k, double* const y) noexcept;
 
 /// y := A*x + y. `y` is read and written. A failed wrap destroys what y held.
+/// Symbol: `_Z25spgmatgvecsum_mkl_G_int64PdPlS0_S_llS_`
 void spgmatgvecsum_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
                                double* const x, std::int64_t m, std::int64_t k, double* const y) noexcept;
 
@@ -110,11 +134,14 @@ void spgmatgvecsum_mkl_G_int64(double* const val, std::int64_t* const col_ind, s
 /// @name Sparse times transposed sparse
 ///
 /// A is m x k, B is n x k, both sparse; C is m x n.
+/// @warning A column that stands twice in a row of A or B gives wrong values. In the CSR result,
+/// `c_row_ptr` may then tell of more than m*n entries.
 /// @{
 
 /// C := A*B^T, dense. `c`: m x n, column-major, leading dimension m, overwritten.
 ///
 /// **A failed wrap** leaves C as it was, and so does a B without any stored entry, which MKL refuses.
+/// Symbol: `_Z33spgmatspgmattr_gmat_mkl_int64_newlllPdPlS0_S_S0_S0_S_`
 void spgmatspgmattr_gmat_mkl_int64_new(std::int64_t m, std::int64_t k, std::int64_t n, //
                                        double* const a_val, std::int64_t* const a_col_ind,
                                        std::int64_t* const a_row_ptr, //
@@ -152,6 +179,7 @@ void spgmatspgmattr_gmat_mkl_int64_new(std::int64_t m, std::int64_t k, std::int6
 /// entry, which MKL refuses.
 ///
 /// `ignored_count` is never read, `ignored_result` never written.
+/// Symbol: `_Z28spgmatspgmattr_mkl_int64_newllllPdPlS0_S_S0_S0_lS_S0_S0_Rl`
 void spgmatspgmattr_mkl_int64_new(std::int64_t stage, std::int64_t m, std::int64_t k, std::int64_t n, //
                                   double* const a_val, std::int64_t* const a_col_ind,
                                   std::int64_t* const a_row_ptr, //
@@ -164,9 +192,12 @@ void spgmatspgmattr_mkl_int64_new(std::int64_t stage, std::int64_t m, std::int64
 
 /// @}
 
-/// Sets how many threads MKL may use for the products that start from now on, in the whole
-/// process, MKL's environment variables notwithstanding. A count <= 0 changes nothing.
-/// The count is a plain 32-bit `int`.
+/// Sets how many threads MKL may use for the products that start afterwards, in the whole process. It
+/// takes precedence over MKL's environment variables. A count <= 0 changes nothing. The count is a
+/// plain 32-bit `int`.
+/// @warning Do not call this while a sparse-times-transposed-sparse product runs on another thread:
+/// that corrupts MKL's heap.
+/// Symbol: `_Z28qz_mkl_set_num_threads_int64i`
 void qz_mkl_set_num_threads_int64(int count) noexcept;
 
 #pragma GCC visibility pop

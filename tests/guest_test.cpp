@@ -124,17 +124,19 @@ TEST(Guest, ThreadsThatEnd) {
     }
 }
 
-TEST(Guest, ChildOfAFork) {
+TEST(Guest, ChildrenOfForksBeforeAndAfterACall) {
     Multiply* const multiply = multiply_of(load());
-    const pid_t child = fork();
-    if (child == 0) {
+    for (int round = 0; round < 3; ++round) {
+        const pid_t child = fork();
+        if (child == 0) {
+            expect_product(multiply);
+            _exit(testing::Test::HasFailure() ? 1 : 0);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
         expect_product(multiply);
-        _exit(testing::Test::HasFailure() ? 1 : 0);
     }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
-    expect_product(multiply);
 }
 
 } // namespace

@@ -47,8 +47,39 @@ struct Csr {
             }
             row_ptr.push_back(Int(val.size()) + 1);
         }
-        val.reserve(1); // arrays without an entry are not null
-        col_ind.reserve(1);
+        val.push_back(nan); // arrays without an entry are not null
+        col_ind.push_back(untouched);
+    }
+
+    // The same matrix with the columns of each row in descending order.
+    Csr descending() const {
+        Csr other = *this;
+        for (Int i = 0; i < rows; ++i) {
+            std::reverse(other.val.begin() + row_ptr[size(i)] - 1, other.val.begin() + row_ptr[size(i) + 1] - 1);
+            std::reverse(other.col_ind.begin() + row_ptr[size(i)] - 1,
+                         other.col_ind.begin() + row_ptr[size(i) + 1] - 1);
+        }
+        return other;
+    }
+
+    // Each entry stands twice.
+    Csr doubled() const {
+        Csr other = *this;
+        other.val.clear();
+        other.col_ind.clear();
+        other.row_ptr = {1};
+        for (Int i = 0; i < rows; ++i) {
+            for (int copy = 0; copy < 2; ++copy) {
+                for (Int p = row_ptr[size(i)] - 1; p < row_ptr[size(i) + 1] - 1; ++p) {
+                    other.val.push_back(val[size(p)]);
+                    other.col_ind.push_back(col_ind[size(p)]);
+                }
+            }
+            other.row_ptr.push_back(Int(other.val.size()) + 1);
+        }
+        other.val.push_back(nan);
+        other.col_ind.push_back(untouched);
+        return other;
     }
 
     template <class Visit>
@@ -61,16 +92,21 @@ struct Csr {
     }
 };
 
-void expect_dense_products(Int m, Int k, Int n, double density, unsigned seed = 1) {
-    Csr a(m, k, density, seed);
-    std::mt19937 random(seed);
+enum class Duplicates { none, present };
+
+void expect_dense_products(Csr a, Int n, Duplicates duplicates = Duplicates::none) {
+    const Int m = a.rows;
+    const Int k = a.cols;
+    std::mt19937 random(1);
     for (const DenseEntry& e : dense_entries) {
         const bool symmetric = e.preset[1] == '1';
         const bool transposed = e.operation == 11;
-        if (m != k && (symmetric || (transposed && n > 1))) {
+        if ((m != k && (symmetric || (transposed && n > 1))) ||
+            (duplicates == Duplicates::present && transposed && !symmetric)) {
             continue; // no product that the entry offers
         }
-        SCOPED_TRACE(testing::Message() << e.name << ": " << m << " x " << k << ", " << density << ", columns " << n);
+        SCOPED_TRACE(testing::Message() << e.name << ": " << m << " x " << k << ", " << a.val.size()
+                                        << " entries, columns " << n);
         const Int columns = e.form == DenseEntry::vector_form ? 1 : n;
         const Int ldb = e.form == DenseEntry::long_form ? k + 3 : k;
         const Int ldc = e.form == DenseEntry::long_form ? m + 5 : m;
@@ -104,7 +140,10 @@ TEST(DenseProducts, AgreeWithPlainLoops) {
     for (const auto& [m, k] : {std::pair<Int, Int>{1, 1}, {4, 4}, {50, 50}, {300, 40}, {40, 300}}) {
         for (const double density : {0.0, 0.02, 0.3, 1.0}) {
             for (const Int n : {1, 2, 9}) {
-                expect_dense_products(m, k, n, density);
+                const Csr a(m, k, density, 1);
+                expect_dense_products(a, n);
+                expect_dense_products(a.descending(), n);
+                expect_dense_products(a.doubled(), n, Duplicates::present);
             }
         }
     }
@@ -124,11 +163,26 @@ TEST(DenseProducts, FailedWrapClearsTheOperandsShape) {
     }
 }
 
+// A null val is wrapped. Without entries, the vector entries then compute, and the matrix entries leave C.
+TEST(DenseProducts, NullValues) {
+    Csr a(4, 4, 0.0, 1);
+    Dense b(16, 1.0);
+    for (const DenseEntry& e : dense_entries) {
+        Dense c(16 + guard, untouched);
+        Dense expected = c;
+        if (e.form == DenseEntry::vector_form) {
+            std::fill_n(expected.begin(), 4, e.beta * untouched);
+        }
+        e.call(nullptr, a.col_ind.data(), a.row_ptr.data(), b.data(), 4, 4, 4, 2, c.data(), 4);
+        EXPECT_EQ(c, expected) << e.name;
+    }
+}
+
 // Threads that MKL started stay in the process, so their number tells how many it was ever given.
 TEST(ThreadCount, OneZeroNegativeTwo) {
     for (const auto& [count, expected] : {std::pair{1, 1}, {0, 1}, {-3, 1}, {2, 2}, {1, 2}}) {
         qz_mkl_set_num_threads_int64(count);
-        expect_dense_products(500, 500, 9, 0.3);
+        expect_dense_products(Csr(500, 500, 0.3, 1), 9);
         EXPECT_EQ(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}), expected) << count;
     }
 }
@@ -194,7 +248,7 @@ struct CsrOutput : Csr {
 void expect_transposed_products(Int m, Int k, Int n, double a_density, double b_density, unsigned seed = 1) {
     SCOPED_TRACE(testing::Message() << m << " x " << k << " x " << n << ", " << a_density << " and " << b_density);
     Csr a(m, k, a_density, seed);
-    Csr b(n, k, b_density, seed + 1);
+    Csr b = Csr(n, k, b_density, seed + 1).descending();
     Dense expected = transposed_product(a, b);
 
     CsrOutput c(m, n);
@@ -309,7 +363,7 @@ TEST(TransposedProducts, EightThreadsAtOnce) {
         threads.emplace_back([seed] {
             for (unsigned round = 0; round < 4; ++round) {
                 const Int m = 300 + 100 * seed;
-                expect_dense_products(m, m, 3, 0.02, seed);
+                expect_dense_products(Csr(m, m, 0.02, seed), 3);
                 expect_transposed_products(m, 200, 1000, 0.002 * (1 + round), 0.01, seed);
             }
         });

@@ -1,0 +1,65 @@
+/// @file
+/// The functions of csr_products.h for hosts in C. Shapes, failures and warnings stand there and hold
+/// here: a sparse operand is `val`, `col_ind`, `row_ptr`, one-based; dense ones are column-major.
+/// Each declaration is bound to a symbol of the library by an assembler label (GCC, Clang).
+
+#pragma once
+
+#include <stdint.h>
+
+/* clang-format off: one way of breaking lines, by operand */
+
+/// C := A*B; `_ld` with leading dimensions. A is m x k, B is k x n.
+void spgmatgmat_mkl_G_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
+    int64_t m, int64_t k, int64_t n, double* c) __asm__("_Z22spgmatgmat_mkl_G_int64PdPlS0_S_lllS_");
+void spgmatgmat_mkl_G_int64_ld(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
+    int64_t ldb, int64_t m, int64_t k, int64_t n, double* c, int64_t ldc)
+    __asm__("_Z22spgmatgmat_mkl_G_int64PdPlS0_S_llllS_l");
+
+/// C := A*B, A symmetric by its upper triangle; `_ld` with leading dimensions.
+void spgmatgmat_mkl_S_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
+    int64_t m, int64_t k, int64_t n, double* c) __asm__("_Z22spgmatgmat_mkl_S_int64PdPlS0_S_lllS_");
+void spgmatgmat_mkl_S_int64_ld(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
+    int64_t ldb, int64_t m, int64_t k, int64_t n, double* c, int64_t ldc)
+    __asm__("_Z22spgmatgmat_mkl_S_int64PdPlS0_S_llllS_l");
+
+/// C := A*B + C.
+void spgmatgmatsum_mkl_G_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
+    int64_t ldb, int64_t m, int64_t k, int64_t n, double* c, int64_t ldc)
+    __asm__("_Z25spgmatgmatsum_mkl_G_int64PdPlS0_S_llllS_l");
+
+/// C := A*B, A symmetric. @warning Despite its name this does not accumulate.
+void spgmatgmatsum_mkl_S_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
+    int64_t ldb, int64_t m, int64_t k, int64_t n, double* c, int64_t ldc)
+    __asm__("_Z25spgmatgmatsum_mkl_S_int64PdPlS0_S_llllS_l");
+
+/// C := A^T*B, and the same with A symmetric. @warning Correct only when m = k or n = 1, and for the
+/// first only without duplicates: the leading dimensions are k for B and m for C.
+void spgmattrgmat_mkl_G_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
+    int64_t m, int64_t k, int64_t n, double* c) __asm__("_Z24spgmattrgmat_mkl_G_int64PdPlS0_S_lllS_");
+void spgmattrgmat_mkl_S_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
+    int64_t m, int64_t k, int64_t n, double* c) __asm__("_Z24spgmattrgmat_mkl_S_int64PdPlS0_S_lllS_");
+
+/// y := A*x and y := A*x + y.
+void spgmatgvec_mkl_G_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* x,
+    int64_t m, int64_t k, double* y) __asm__("_Z22spgmatgvec_mkl_G_int64PdPlS0_S_llS_");
+void spgmatgvecsum_mkl_G_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* x,
+    int64_t m, int64_t k, double* y) __asm__("_Z25spgmatgvecsum_mkl_G_int64PdPlS0_S_llS_");
+
+/// C := A*B^T, dense. A is m x k, B is n x k, both sparse. @warning No duplicates.
+void spgmatspgmattr_gmat_mkl_int64_new(int64_t m, int64_t k, int64_t n,
+    const double* a_val, const int64_t* a_col_ind, const int64_t* a_row_ptr,
+    const double* b_val, const int64_t* b_col_ind, const int64_t* b_row_ptr,
+    double* c) __asm__("_Z33spgmatspgmattr_gmat_mkl_int64_newlllPdPlS0_S_S0_S0_S_");
+
+/// C := A*B^T, one-based CSR: `stage` 0 in one call, 1 a count, 2 its finish or a refresh of the values.
+/// `c_val` and `c_col_ind` hold m*n elements each. @warning No duplicates. A refresh takes the column
+/// numbers that stand in `c_col_ind` unchecked.
+void spgmatspgmattr_mkl_int64_new(int64_t stage, int64_t m, int64_t k, int64_t n,
+    const double* a_val, const int64_t* a_col_ind, const int64_t* a_row_ptr,
+    const double* b_val, const int64_t* b_col_ind, const int64_t* b_row_ptr,
+    int64_t ignored_count, double* c_val, int64_t* c_col_ind, int64_t* c_row_ptr,
+    int64_t* ignored_result) __asm__("_Z28spgmatspgmattr_mkl_int64_newllllPdPlS0_S_S0_S0_lS_S0_S0_Rl");
+
+/// MKL's thread count. @warning Not while a product of the last two kinds runs on another thread.
+void qz_mkl_set_num_threads_int64(int count) __asm__("_Z28qz_mkl_set_num_threads_int64i");

@@ -2,19 +2,20 @@
 
 #include "csr_products.h"
 #include "direct_mkl.h"
+#include "eigen_products.h"
 
 #include <fmt/format.h>
 #include <mkl_service.h>
 #include <omp.h>
 #include <rsb.h>
 
+#include <algorithm>
 #include <memory>
 #include <stdexcept>
 
 namespace {
 
 using Eigen::MatrixXd;
-using Block = Eigen::Map<MatrixXd>;
 
 csr_products::CsrOperand operand(const HostMatrix& a) {
     return {a.rows(), a.cols(), a.val(), a.col_ind(), a.row_ptr()};
@@ -48,25 +49,6 @@ void run_direct(const HostMatrix& a, const Product& product, const double* b, do
         direct::multiply_dense(product.kind == Product::transposed ? Transpose : NonTranspose, operand(a),
                                product.kind == Product::symmetric ? SymmetricUpper : GeneralFull, b, product.columns,
                                beta, c);
-    }
-}
-
-void run_eigen(const EigenMatrix& a, const Product& product, double* b_data, double* c_data) {
-    const Block b(b_data, a.cols(), product.columns);
-    Block c(c_data, a.rows(), product.columns);
-    switch (product.kind) {
-    case Product::plain:
-        c.noalias() = a * b;
-        break;
-    case Product::accumulate:
-        c.noalias() += a * b;
-        break;
-    case Product::transposed:
-        c.noalias() = a.transpose() * b;
-        break;
-    case Product::symmetric:
-        c.noalias() = a.selfadjointView<Eigen::Upper>() * b;
-        break;
     }
 }
 
@@ -104,10 +86,16 @@ void run_rsb(const rsb_mtx_t* a, const Product& product, const double* b, Int ld
 
 std::vector<Contender> contenders(const HostMatrix& a, const Product& product, double* b, double* c) {
     const RsbMatrix rsb = rsb_matrix(a.eigen(), product.kind == Product::symmetric);
-    return {{"entry", [&a, product, b, c] { run_entry(a, product, b, c); }},
-            {"direct", [&a, product, b, c] { run_direct(a, product, b, c); }},
-            {"eigen", [&a, product, b, c] { run_eigen(a.eigen(), product, b, c); }},
-            {"librsb", [&a, product, b, c, rsb] { run_rsb(rsb.get(), product, b, a.cols(), c, a.rows()); }}};
+    std::vector<Contender> all{
+        {"entry", [&a, product, b, c] { run_entry(a, product, b, c); }},
+        {"direct", [&a, product, b, c] { run_direct(a, product, b, c); }},
+        {"eigen", [&a, product, b, c] { run_eigen_baseline(a.eigen(), product, b, c); }},
+        {"eigen-avx2", [&a, product, b, c] { run_eigen_avx2(a.eigen(), product, b, c); }},
+        {"librsb", [&a, product, b, c, rsb] { run_rsb(rsb.get(), product, b, a.cols(), c, a.rows()); }}};
+    if (!__builtin_cpu_supports("avx2")) {
+        all.erase(std::find_if(all.begin(), all.end(), [](const Contender& x) { return x.name == "eigen-avx2"; }));
+    }
+    return all;
 }
 
 std::vector<Contender> transposed_dense_contenders(const HostMatrix& a) {

@@ -1,17 +1,11 @@
 #pragma once
 
 #include "host_matrix.h"
+#include "product.h"
 
 #include <functional>
 #include <string>
 #include <vector>
-
-// The products that are measured. The first columns of b and c are read and written.
-struct Product {
-    std::string name;
-    enum Kind { plain, accumulate, transposed, symmetric } kind;
-    Int columns; // one: the vector entries, where there is one
-};
 
 struct Contender {
     std::string name;

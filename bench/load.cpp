@@ -28,7 +28,8 @@ void measure(const char* name, Step step) {
     step();
     const double microseconds =
         std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count();
-    std::printf("%s %.1f %ld\n", name, microseconds, resident_kilobytes() - before);
+    const long after = resident_kilobytes();
+    std::printf("%s %.1f %ld\n", name, microseconds, after - before);
 }
 
 } // namespace
@@ -46,8 +47,14 @@ int main(int argc, char** argv) {
     Multiply* multiply = nullptr;
     measure("load", [&] {
         void* const library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
-        multiply = reinterpret_cast<Multiply*>(dlsym(library, "_Z22spgmatgvec_mkl_G_int64PdPlS0_S_llS_"));
+        if (library != nullptr) {
+            multiply = reinterpret_cast<Multiply*>(dlsym(library, "_Z22spgmatgvec_mkl_G_int64PdPlS0_S_llS_"));
+        }
     });
+    if (multiply == nullptr) {
+        std::fprintf(stderr, "load: %s\n", dlerror());
+        return 1;
+    }
     measure("first", [&] { multiply(val, col_ind, row_ptr, x, 2, 2, y); });
     measure("second", [&] { multiply(val, col_ind, row_ptr, x, 2, 2, y); });
     return 0;

@@ -8,13 +8,27 @@
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
+#include <thread>
+#include <vector>
 
 namespace {
 
 constexpr Int greatest_columns = 32;
 constexpr Int limit_elements = 10'000'000; // of each of three arrays, far beyond the caches
+
+// 1, 2, 4 ... and as many as the machine has.
+std::vector<int> thread_counts() {
+    const int most = static_cast<int>(std::max(std::thread::hardware_concurrency(), 1U));
+    std::vector<int> counts;
+    for (int count = 1; count < most; count *= 2) {
+        counts.push_back(count);
+    }
+    counts.push_back(most);
+    return counts;
+}
 
 // What a product moves at the least: A once, B once, C once written, and read where it is not overwritten.
 std::int64_t traffic(const HostMatrix& a, const Product& product) {
@@ -49,8 +63,8 @@ void add_products(const std::string& name, const HostMatrix& a, bool symmetric, 
     const auto c = std::make_shared<Eigen::MatrixXd>(Eigen::MatrixXd::Zero(a.rows(), greatest_columns));
     for (const Product& product : products) {
         for (const Contender& contender : contenders(a, product, b->data(), c->data())) {
-            for (const int threads : {1, 2}) {
-                if (quick && (threads == 1 || product.columns == greatest_columns)) {
+            for (const int threads : thread_counts()) {
+                if (quick && (threads != thread_counts().back() || product.columns == greatest_columns)) {
                     continue;
                 }
                 add(fmt::format("{}/{}/{}/{}/{}", product.name, name, product.columns, threads, contender.name),
@@ -63,7 +77,7 @@ void add_products(const std::string& name, const HostMatrix& a, bool symmetric, 
 void add_transposed(const std::string& product, const std::string& name, const HostMatrix& a, std::int64_t result_bytes,
                     const std::vector<Contender>& peers) {
     for (const Contender& contender : peers) {
-        for (const int threads : {1, 2}) {
+        for (const int threads : thread_counts()) {
             add(fmt::format("{}/{}/{}/{}/{}", product, name, a.rows(), threads, contender.name), threads,
                 32 * a.stored() + result_bytes, contender.run);
         }
@@ -73,7 +87,7 @@ void add_transposed(const std::string& product, const std::string& name, const H
 void add_limits() {
     const auto arrays = std::make_shared<Eigen::MatrixXd>(Eigen::MatrixXd::Ones(limit_elements, 3));
     double* const x = arrays->data();
-    for (const int threads : {1, 2}) {
+    for (const int threads : thread_counts()) {
         add(fmt::format("limit/triad/1/{}/triad", threads), threads, 24 * limit_elements, [arrays, x, threads] {
 #pragma omp parallel for num_threads(threads) schedule(static)
             for (Int i = 0; i < limit_elements; ++i) {

@@ -1,0 +1,233 @@
+// The distributed operator on the ranks of mpirun, against products of the whole matrix on each rank. Values
+// are small integers, so that every sum is exact in any order and results are compared to the bit.
+
+#include "distributed_operator.h"
+#include "matrix_source.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <limits>
+#include <random>
+
+namespace {
+
+constexpr Int columns = 3;
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+
+int ranks() {
+    int count = 0;
+    MPI_Comm_size(PETSC_COMM_WORLD, &count);
+    return count;
+}
+
+// A matrix whose entry is value(row, column), where that is not zero.
+EigenMatrix matrix(Int rows, Int cols, const std::function<double(Int, Int)>& value) {
+    EigenMatrix a(rows, cols);
+    for (Int i = 0; i < rows; ++i) {
+        for (Int j = 0; j < cols; ++j) {
+            if (value(i, j) != 0.0) {
+                a.insert(i, j) = value(i, j);
+            }
+        }
+    }
+    a.makeCompressed();
+    return a;
+}
+
+EigenMatrix random_matrix(Int rows, Int cols, double density) {
+    std::mt19937 random(1);
+    std::bernoulli_distribution stored(density);
+    return matrix(rows, cols, [&](Int, Int) { return stored(random) ? static_cast<double>(random() % 9 + 1) : 0.0; });
+}
+
+EigenMatrix only_on_rank_0(const EigenMatrix& a) {
+    int rank = 0;
+    MPI_Comm_rank(PETSC_COMM_WORLD, &rank);
+    return rank == 0 ? a : EigenMatrix();
+}
+
+// Element i of the j-th column of every operand.
+double operand(Int i, Int j = 0) {
+    return static_cast<double>((3 * i + 7 * j) % 11 - 5);
+}
+
+Eigen::MatrixXd operands(Int rows, Int count) {
+    return Eigen::MatrixXd::NullaryExpr(rows, count, [](Int i, Int j) { return operand(i, j); });
+}
+
+Vec vector(Mat a, bool of_columns, double (*element)(Int)) {
+    Vec x = nullptr;
+    Int begin = 0;
+    Int end = 0;
+    check(of_columns ? MatCreateVecs(a, &x, nullptr) : MatCreateVecs(a, nullptr, &x));
+    check(VecGetOwnershipRange(x, &begin, &end));
+    for (Int i = begin; i < end; ++i) {
+        check(VecSetValue(x, i, element(i), INSERT_VALUES));
+    }
+    check(VecAssemblyBegin(x));
+    check(VecAssemblyEnd(x));
+    return x;
+}
+
+// On this rank; the test fails if it fails on any.
+void expect_local(const double* local, Int begin, Int end, const Eigen::VectorXd& expected, const char* product) {
+    EXPECT_EQ(Eigen::VectorXd(Eigen::Map<const Eigen::VectorXd>(local, end - begin)),
+              Eigen::VectorXd(expected.segment(begin, end - begin)))
+        << product;
+}
+
+void expect_vector(Vec x, const Eigen::VectorXd& expected, const char* product) {
+    const double* local = nullptr;
+    Int begin = 0;
+    Int end = 0;
+    check(VecGetOwnershipRange(x, &begin, &end));
+    check(VecGetArrayRead(x, &local));
+    expect_local(local, begin, end, expected, product);
+    check(VecRestoreArrayRead(x, &local));
+}
+
+void expect_products(DistributedOperator& op, Mat aij, const EigenMatrix& a) {
+    const auto forget_ghosts = [&](Int count) { op.ghost_values().assign(std::size_t(op.ghosts() * count), nan); };
+    Vec x = vector(aij, true, [](Int i) { return operand(i); });
+    Vec y = vector(aij, false, [](Int i) { return operand(i, 1); });
+    Vec z = vector(aij, false, [](Int) { return nan; });
+    Vec t = vector(aij, true, [](Int) { return nan; });
+    const Eigen::VectorXd x_all = operands(a.cols(), 1);
+    const Eigen::VectorXd y_all = operands(a.rows(), 2).col(1);
+    forget_ghosts(1);
+    check(MatMult(op.shell(), x, z));
+    expect_vector(z, a * x_all, "A*x");
+    forget_ghosts(1);
+    check(MatMultAdd(op.shell(), x, y, z));
+    expect_vector(z, a * x_all + y_all, "A*x + y");
+    check(MatMultAdd(op.shell(), x, z, z));
+    expect_vector(z, 2 * (a * x_all) + y_all, "A*x + z");
+    forget_ghosts(1);
+    check(MatMultTranspose(op.shell(), y, t));
+    expect_vector(t, a.transpose() * y_all, "A^T*x");
+
+    Int m = 0;
+    Int k = 0;
+    Int begin = 0;
+    Int end = 0;
+    Mat b = nullptr;
+    Mat c = nullptr;
+    check(MatGetLocalSize(aij, &m, &k));
+    check(MatCreateDense(PETSC_COMM_WORLD, k, PETSC_DECIDE, a.cols(), columns, nullptr, &b));
+    check(MatCreateDense(PETSC_COMM_WORLD, m, PETSC_DECIDE, a.rows(), columns, nullptr, &c));
+    double* array = nullptr;
+    check(MatGetOwnershipRange(b, &begin, &end));
+    check(MatDenseGetArray(b, &array));
+    for (Int i = begin; i < end; ++i) {
+        for (Int j = 0; j < columns; ++j) {
+            array[i - begin + j * k] = operand(i, j);
+        }
+    }
+    check(MatDenseRestoreArray(b, &array));
+    check(MatDenseGetArray(c, &array));
+    std::fill_n(array, m * columns, nan);
+    check(MatDenseRestoreArray(c, &array));
+    forget_ghosts(columns);
+    op.multiply(b, c);
+    check(MatGetOwnershipRange(c, &begin, &end));
+    check(MatDenseGetArray(c, &array));
+    for (Int j = 0; j < columns; ++j) {
+        expect_local(array + j * m, begin, end, a * operands(a.cols(), columns).col(j), "A*B");
+    }
+    check(MatDenseRestoreArray(c, &array));
+    for (Vec* each : {&x, &y, &z, &t}) {
+        check(VecDestroy(each));
+    }
+    check(MatDestroy(&b));
+    check(MatDestroy(&c));
+}
+
+TEST(Distributed, ProductsAgreeWithSerialOnes) {
+    const Int n = 40;
+    const std::pair<const char*, EigenMatrix> cases[] = {
+        {"Poisson", poisson(6)},
+        {"more ranks than rows", random_matrix(2, 2, 1.0)},
+        {"no ghosts", matrix(n, n, [](Int i, Int j) { return i == j ? 2.0 : 0.0; })},
+        {"all entries in ghosts",
+         matrix(n, n, [](Int i, Int j) { return j == (i + n / 2) % n ? 1.0 + double(i) : 0.0; })},
+        {"one ghost row", matrix(n, n, [](Int i, Int j) { return i == j || (i == 2 && j == n - 1) ? 3.0 : 0.0; })},
+        {"wide", random_matrix(15, 70, 0.2)},
+        {"tall", random_matrix(70, 15, 0.2)},
+        {"unsymmetric, with empty rows",
+         matrix(n, n, [](Int i, Int j) { return i % 3 == 0 && (j * 7 + i) % 5 == 0 ? 1.0 + double(j) : 0.0; })}};
+    for (const auto& [name, a] : cases) {
+        SCOPED_TRACE(name);
+        Mat aij = distribute(only_on_rank_0(a));
+        {
+            DistributedOperator op(aij);
+            expect_products(op, aij, a);
+        }
+        check(MatDestroy(&aij));
+    }
+}
+
+// The operator follows new values, and a new nonzero pattern with other ghosts.
+TEST(Distributed, ChangedMatrix) {
+    EigenMatrix a = poisson(4);
+    Mat aij = distribute(only_on_rank_0(a));
+    {
+        DistributedOperator op(aij);
+        expect_products(op, aij, a);
+        check(MatScale(aij, -3.0));
+        a *= -3.0;
+        expect_products(op, aij, a);
+        check(MatSetOption(aij, MAT_NEW_NONZERO_LOCATION_ERR, PETSC_FALSE));
+        check(MatSetOption(aij, MAT_NEW_NONZERO_ALLOCATION_ERR, PETSC_FALSE));
+        for (const auto& [row, col] : {std::pair<Int, Int>{0, a.cols() - 1}, {a.rows() - 1, 1}, {5, a.cols() / 2}}) {
+            check(MatSetValue(aij, row, col, ranks(), ADD_VALUES));
+            a.coeffRef(row, col) += ranks() * ranks(); // every rank adds
+        }
+        check(MatAssemblyBegin(aij, MAT_FINAL_ASSEMBLY));
+        check(MatAssemblyEnd(aij, MAT_FINAL_ASSEMBLY));
+        expect_products(op, aij, a);
+    }
+    check(MatDestroy(&aij));
+}
+
+TEST(Distributed, SolversTakeAsManyIterationsAsOnPetscsOwnMatrix) {
+    EigenMatrix unsymmetric = poisson(8);
+    for (Int i = 1; i < unsymmetric.rows(); ++i) {
+        unsymmetric.coeffRef(i, i - 1) += -1.0;
+    }
+    for (const auto& [type, a] : {std::pair{KSPCG, poisson(8)}, {KSPGMRES, unsymmetric}}) {
+        Mat aij = distribute(only_on_rank_0(a));
+        {
+            DistributedOperator op(aij);
+            std::vector<Int> iterations;
+            for (Mat matrix : {op.shell(), aij}) {
+                KSP solver = nullptr;
+                Vec b = vector(aij, false, [](Int i) { return operand(i); });
+                Vec x = vector(aij, true, [](Int) { return 0.0; });
+                check(KSPCreate(PETSC_COMM_WORLD, &solver));
+                check(KSPSetType(solver, type));
+                check(KSPSetOperators(solver, matrix, aij));
+                check(KSPSetTolerances(solver, 1e-8, PETSC_DEFAULT, PETSC_DEFAULT, PETSC_DEFAULT));
+                check(KSPSolve(solver, b, x));
+                check(KSPGetIterationNumber(solver, &iterations.emplace_back()));
+                check(KSPDestroy(&solver));
+                check(VecDestroy(&b));
+                check(VecDestroy(&x));
+            }
+            EXPECT_EQ(iterations[0], iterations[1]) << type;
+            EXPECT_GT(iterations[0], 3);
+        }
+        check(MatDestroy(&aij));
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    check(PetscInitialize(&argc, &argv, nullptr, nullptr));
+    int failed = RUN_ALL_TESTS();
+    MPI_Allreduce(MPI_IN_PLACE, &failed, 1, MPI_INT, MPI_MAX, PETSC_COMM_WORLD);
+    check(PetscFinalize());
+    return failed;
+}

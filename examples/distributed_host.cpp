@@ -177,7 +177,7 @@ bool compare(Mat aij, DistributedOperator& a, int repetitions) {
 }
 
 int run(const std::string& path, bool built_in, Int grid, int repetitions) {
-    // The verdict of rank 0 reaches every rank before any of them goes on.
+    // Every rank waits for the verdict of rank 0.
     EigenMatrix matrix;
     std::array<int, 2> verdict{}; // usable, symmetric
     if (rank == 0) {
@@ -241,7 +241,7 @@ int main(int argc, char** argv) {
                  "product with PETSc's. PETSc's own options, such as -ksp_type, come last.");
     app.footer(
         "Exit status:\n"
-        "  0  every product agrees with PETSc's; the system of a file may not have converged, which a line tells\n"
+        "  0  every product agrees with PETSc's; the system of a file may not have converged, which a line says\n"
         "  1  bad arguments, a bad file, output that cannot be written\n"
         "  2  a product differs from PETSc's, or the Poisson system did not converge");
     app.set_help_flag("--help", "Print this help message and exit");

@@ -138,8 +138,8 @@ void DistributedOperator::multiply(double* x, Int columns, Mode mode, double* y)
     } else if (columns > 1) {
         spgmatgmat_mkl_G_int64(own_.val, own_.col_ind.data(), own_.row_ptr.data(), x, m, k, columns, y);
     } else {
-        (mode == Mode::overwrite ? spgmatgvec_mkl_G_int64 : spgmatgvecsum_mkl_G_int64)(
-            own_.val, own_.col_ind.data(), own_.row_ptr.data(), x, m, k, y);
+        (mode == Mode::overwrite ? spgmatgvec_mkl_G_int64 : spgmatgvecsum_mkl_G_int64)(own_.val, own_.col_ind.data(),
+                                                                                       own_.row_ptr.data(), x, m, k, y);
     }
 
     for (Int j = 0; j < columns; ++j) {

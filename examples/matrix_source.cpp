@@ -18,8 +18,8 @@
 
 namespace {
 
-// The lines of a Matrix Market file, checked for what CHOLMOD takes in silence: another banner, a base of
-// zero, words behind a value, values that are not finite, entries behind the last one announced.
+// The lines of a Matrix Market file, checked for what CHOLMOD accepts silently: another banner, indices from
+// zero, words behind a value, values that are not finite, more entries than were announced.
 class MatrixMarketLines {
 public:
     explicit MatrixMarketLines(const std::string& path) : path_(path.empty() ? "''" : path) {
@@ -143,7 +143,7 @@ private:
     std::string text_;
 };
 
-// CHOLMOD, which tells of a problem by a message.
+// CHOLMOD, which reports a problem by a message.
 class Cholmod {
 public:
     Cholmod() {

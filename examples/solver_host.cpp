@@ -1,5 +1,5 @@
 // A host of the library: solves A*x = b by an iterative solver of Eigen's whose products with A are
-// calls of the library, then runs every product family on A and holds each against Eigen's own.
+// calls of the library, then runs every product family on A and compares each with Eigen's own.
 
 #include "matrix_source.h"
 #include "products.h"
@@ -67,7 +67,7 @@ int main(int argc, char** argv) try {
     app.footer(fmt::format(R"(A file may have up to {} rows and columns.
 
 Exit status:
-  0  every product agrees with Eigen's; the system of a file may not have converged, which a line tells
+  0  every product agrees with Eigen's; the system of a file may not have converged, which a line says
   1  bad arguments, a bad file, too little memory, output that cannot be written
   2  a product differs from Eigen's, or the Poisson system did not converge)",
                            greatest_dimension));

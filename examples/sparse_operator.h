@@ -12,8 +12,7 @@ class SparseOperator;
 template <>
 struct Eigen::internal::traits<SparseOperator> : Eigen::internal::traits<EigenMatrix> {};
 
-// What Eigen's iterative solvers take for the matrix: each product with a vector is a call of the
-// library.
+// The matrix as Eigen's iterative solvers see it: each product with a vector is a call of the library.
 class SparseOperator : public Eigen::EigenBase<SparseOperator> {
 public:
     using Scalar = double;

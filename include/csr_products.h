@@ -9,7 +9,7 @@
 ///                row_ptr[i] ... row_ptr[i+1] - 1, so row_ptr[0] is 1 and nnz is row_ptr[rows] - 1
 ///
 /// **Dense operand.** Column-major doubles. Element (i, j) of an array with leading dimension ld
-/// stands at i + j*ld, counted from 0.
+/// is at i + j*ld, counted from 0.
 ///
 /// **Columns.** The column numbers of a row may stand in any order. A column may stand twice in a row
 /// only where a function says that it sums duplicates.
@@ -30,7 +30,7 @@
 /// but the matrix functions leave C as it was.
 ///
 /// **Loading.** A host that loads `libcsr_products.so.1` with dlopen finds each function by the symbol
-/// that stands with it.
+/// given in its description.
 
 #pragma once
 
@@ -135,7 +135,7 @@ void spgmatgvecsum_mkl_G_int64(double* const val, std::int64_t* const col_ind, s
 ///
 /// A is m x k, B is n x k, both sparse; C is m x n.
 /// @warning A column that stands twice in a row of A or B gives wrong values. In the CSR result,
-/// `c_row_ptr` may then tell of more than m*n entries.
+/// `c_row_ptr` may then count more than m*n entries.
 /// @{
 
 /// C := A*B^T, dense. `c`: m x n, column-major, leading dimension m, overwritten.
@@ -158,12 +158,14 @@ void spgmatspgmattr_gmat_mkl_int64_new(std::int64_t m, std::int64_t k, std::int6
 /// nnz is c_row_ptr[m] - 1. The column numbers within a row come in MKL's order, which need not be
 /// ascending. What each `stage` leaves:
 ///
-/// | `stage`                                  | `c_row_ptr`     | first nnz elements of `c_col_ind` and `c_val` | the others |
+/// | `stage`                                  | `c_row_ptr`     | first nnz elements of `c_col_ind` and `c_val` | the
+/// others |
 /// |------------------------------------------|-----------------|-----------------------------------------------|------------|
-/// | any value but 1 and 2, conventionally 0  | the row pointer | the product                                   | 0          |
-/// | 1, a count                               | the row pointer | 0                                             | 0          |
-/// | 2 on the arrays that a count left        | the row pointer | the product                                   | 0          |
-/// | 2 on any other arrays                    | as it was       | column numbers as they were, new values       | as they were |
+/// | any value but 1 and 2, conventionally 0  | the row pointer | the product                                   | 0 |
+/// | 1, a count                               | the row pointer | 0                                             | 0 |
+/// | 2 on the arrays that a count left        | the row pointer | the product                                   | 0 |
+/// | 2 on any other arrays                    | as it was       | column numbers as they were, new values       | as
+/// they were |
 ///
 /// Stage 2 recognises the arrays that a count left by c_row_ptr[0] = 1 and c_col_ind[0] = 0. On any
 /// other arrays it refreshes the values: it computes them for the column numbers and the row pointer

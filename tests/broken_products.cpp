@@ -1,4 +1,4 @@
-// Preloaded, it takes the place of one product: right for a diagonal matrix, but for a NaN.
+// Replaces one product when it is preloaded: correct for a diagonal matrix, except for a NaN.
 
 #include "csr_products.h"
 

@@ -257,8 +257,8 @@ TEST(SparseContract, NoRowPointerNoCopy) {
     expect_counted(c.val, 0, 0);
 }
 
-// Only the blocks made on the calling thread during the product tell how long an array is, the latest
-// of those at one address. Any other array has m*n elements.
+// Only the blocks made on the calling thread during the product count, and of those at one address the
+// latest. Any other array has m*n elements.
 TEST(SparseContract, BlocksThatTellTheLengthOfAnArray) {
     const Source<Int> rows_start(m + 1);
     const Source<Int> col_indx(m * n);

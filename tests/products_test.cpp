@@ -178,7 +178,7 @@ TEST(DenseProducts, NullValues) {
     }
 }
 
-// Threads that MKL started stay in the process, so their number tells how many it was ever given.
+// Threads that MKL started stay in the process, so their number is the greatest it was ever given.
 TEST(ThreadCount, OneZeroNegativeTwo) {
     for (const auto& [count, expected] : {std::pair{1, 1}, {0, 1}, {-3, 1}, {2, 2}, {1, 2}}) {
         qz_mkl_set_num_threads_int64(count);

@@ -40,7 +40,7 @@ public:
     bool wrapped() const noexcept { return status_ == SPARSE_STATUS_SUCCESS; }
     sparse_matrix_t get() const noexcept { return handle_; }
 
-    // For a routine that may put a handle of its own in place of this one.
+    // For a routine that may replace the handle by its own.
     sparse_matrix_t* slot() noexcept { return &handle_; }
 
 private:
@@ -48,7 +48,7 @@ private:
     sparse_status_t status_;
 };
 
-// What MKL tells of a product: the arrays that it computed, or those that the caller lent.
+// A product as MKL exports it: the arrays that it computed, or those that the caller lent.
 struct ExportedCsr {
     std::int64_t rows;
     const std::int64_t* rows_start;

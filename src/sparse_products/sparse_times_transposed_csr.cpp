@@ -20,8 +20,8 @@ sparse_request_t request_of(std::int64_t stage, const CsrOperand& c) noexcept {
     case 1:
         return SPARSE_STAGE_NNZ_COUNT;
     case 2:
-        // MKL's finalize takes the column numbers that stand in the caller's array, and zeros there
-        // corrupt its memory. So the finish of a count is a full product.
+        // MKL's finalize uses the column numbers in the caller's array, and zeros there corrupt its
+        // memory. The finish of a count is therefore a full product.
         return is_counted(c) ? SPARSE_STAGE_FULL_MULT : SPARSE_STAGE_FINALIZE_MULT;
     default:
         return SPARSE_STAGE_FULL_MULT;
@@ -38,9 +38,9 @@ void copy_out(const ExportedCsr& product, const MklMemory& memory, const CsrOper
                  {product.values, memory.elements_of(product.values, lent)}, c);
 }
 
-// Kept on purpose: no wrap is examined, MKL gets the handles as they stand.
+// Kept on purpose: no wrap is examined, and MKL gets the handles as they are.
 void multiply(std::int64_t stage, const CsrOperand& a, const CsrOperand& b, const CsrOperand& c) noexcept {
-    MklMemory memory(c); // outlives the handles
+    MklMemory memory(c); // before the handles, so that it is destroyed after them
     const SparseHandle a_handle(a);
     const SparseHandle b_handle(b);
     SparseHandle product(c);

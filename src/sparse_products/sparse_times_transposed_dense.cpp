@@ -7,7 +7,7 @@
 namespace csr_products {
 namespace {
 
-// Kept on purpose: neither wrap is examined, and MKL gets the handles as they stand.
+// Kept on purpose: neither wrap is examined, and MKL gets the handles as they are.
 void multiply(const CsrOperand& a, const CsrOperand& b, double* c) noexcept {
     const SparseHandle a_handle(a);
     const SparseHandle b_handle(b);

@@ -61,16 +61,56 @@ struct CsrOutput {
         : val(static_cast<std::size_t>(elements + guard), untouched), col_ind(val.size(), untouched),
           row_ptr(static_cast<std::size_t>(row_pointers + guard), untouched) {}
 
-    void multiply(Int stage = 0, Int rows = m, Int columns = n) {
+    // With the named output array null.
+    void multiply(Int stage = 0, Int rows = m, Int columns = n, std::string_view null = "") {
         Int ignored_result = untouched;
         spgmatspgmattr_mkl_int64_new(stage, rows, k, columns, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr,
-                                     -1, val.data(), col_ind.data(), row_ptr.data(), ignored_result);
+                                     -1, null == "val" ? nullptr : val.data(),
+                                     null == "col_ind" ? nullptr : col_ind.data(),
+                                     null == "row_ptr" ? nullptr : row_ptr.data(), ignored_result);
         EXPECT_EQ(ignored_result, untouched);
+    }
+
+    void expect(Int row_pointers, Int columns, Int values, Int written, std::string_view null = "") const {
+        const auto unless = [&](const char* name, Int count) { return null == name ? 0 : count; };
+        expect_counted(row_ptr, unless("row_ptr", row_pointers), unless("row_ptr", row_pointers));
+        expect_counted(col_ind, unless("col_ind", std::clamp<Int>(columns, 0, written)), unless("col_ind", written));
+        expect_counted(val, unless("val", std::clamp<Int>(values, 0, written)), unless("val", written));
     }
 
     std::vector<double> val;
     std::vector<Int> col_ind;
     std::vector<Int> row_ptr;
+};
+
+// A product as MKL exports it: arrays 1, 2, 3 ... of exactly so many elements, null for a negative number.
+struct Product {
+    Product(Int row_pointers, Int columns, Int value_count)
+        : rows_start(array<Int>(row_pointers)), col_indx(array<Int>(columns)),
+          values(array<double>(value_count)), lengths{columns, value_count} {}
+
+    void script(Int rows) {
+        mkl.result = {rows, rows_start.get(), col_indx.get(), values.get()};
+        mkl.on_product = [this] { make_blocks(lengths[0], lengths[1]); };
+    }
+    void make_blocks(Int columns, Int value_count) const {
+        make_block(col_indx.get(), columns);
+        make_block(values.get(), value_count);
+    }
+    static void make_block(void* address, Int elements) {
+        mkl.next_block = address;
+        EXPECT_EQ(mkl_serv_malloc(8 * static_cast<std::size_t>(elements), 64), address);
+    }
+    template <class T>
+    static std::unique_ptr<T[]> array(Int count) {
+        std::unique_ptr<T[]> data(count < 0 ? nullptr : new T[static_cast<std::size_t>(count)]);
+        std::iota(data.get(), data.get() + std::max<Int>(count, 0), T{1});
+        return data;
+    }
+
+    std::unique_ptr<Int[]> rows_start, col_indx;
+    std::unique_ptr<double[]> values;
+    Int lengths[2];
 };
 
 TEST(SparseContract, DenseResultCallByCall) {
@@ -115,9 +155,7 @@ TEST(SparseContract, CsrResultCallByCall) {
                     call_text("destroy", handles[1]),
                     call_text("destroy", handles[0])};
                 EXPECT_EQ(mkl.calls, expected);
-                expect_counted(c.row_ptr, 0, 0); // the export wrote nothing
-                expect_counted(c.col_ind, 0, 0);
-                expect_counted(c.val, 0, 0);
+                c.expect(0, 0, 0, 0); // the export wrote nothing
             }
         }
     }
@@ -136,14 +174,11 @@ TEST(SparseContract, RequestOfAFinish) {
         for (const char* null : {"", "row_ptr", "col_ind"}) {
             SCOPED_TRACE(call_text("stage", t.stage, t.m, "x", t.n, "state", t.row_ptr, t.col_ind, "null", null));
             script_wraps(0, false);
-            Int ignored = 0;
-            Int row_ptr[] = {t.row_ptr};
-            Int col_ind[] = {t.col_ind};
-            const std::string_view is_null = null;
-            spgmatspgmattr_mkl_int64_new(t.stage, t.m, k, t.n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr,
-                                         0, nullptr, is_null == "col_ind" ? nullptr : col_ind,
-                                         is_null == "row_ptr" ? nullptr : row_ptr, ignored);
-            const int request = t.stage == 2 && !is_null.empty() ? 92 : t.request;
+            CsrOutput c;
+            c.row_ptr[0] = t.row_ptr;
+            c.col_ind[0] = t.col_ind;
+            c.multiply(t.stage, t.m, t.n, null);
+            const int request = t.stage == 2 && null[0] != '\0' ? 92 : t.request;
             EXPECT_EQ(mkl.calls.at(3), call_text("sp2m", 10, "20/40/50", fake_handle(0xa0), 11, "20/40/50",
                                                  fake_handle(0xb0), request, fake_handle(0xc0)));
         }
@@ -164,118 +199,72 @@ TEST(SparseContract, NullRowPointers) {
               (std::vector{text(m, k, a_val, a_col_ind), text(n, k, b_val, b_col_ind), text(m, n, nullptr, nullptr)}));
 }
 
-// An array 1, 2, 3 ... of exactly so many elements, null for a negative number. MKL makes the block.
-template <class T>
-struct Source {
-    explicit Source(Int count) : data(count < 0 ? nullptr : new T[static_cast<std::size_t>(count)]), length(count) {
-        std::iota(data.get(), data.get() + std::max<Int>(count, 0), T{1});
-    }
-    void make_block() const {
-        mkl.next_block = data.get();
-        mkl_serv_malloc(sizeof(T) * static_cast<std::size_t>(length), 64);
-    }
-    std::unique_ptr<T[]> data;
-    Int length;
-};
-
 TEST(SparseContract, CopyRunsOverMTimesNAndIsZeroBeyondMklsArrays) {
     constexpr Int null = -1;
     constexpr Int two_to_62 = Int{1} << 62;
-    const struct {
-        Int m, n, exported_rows;
-        Int col_indx, values;      // their lengths
-        Int row_pointers, entries; // how many elements are written
-        const char* skipped_output = "";
-    } cases[] = {{3, 5, 3, 15, 15, 4, 15},
-                 {3, 5, 3, 99, 99, 4, 15}, // a column twice in a row
-                 {1, 1, 1, 1, 1, 2, 1},
-                 {70, 70, 9, 4900, 4900, 10, 4900},
-                 {70, 70, 1, 4894, 4893, 2, 4900},
-                 {2, 70, 5000, 140, 140, 5001, 140},
-                 {3, 5, 3, 14, 14, 4, 15},
-                 {3, 5, 3, 4, 9, 4, 15},
-                 {3, 5, 3, 9, 6, 4, 15},
-                 {3, 5, 3, 0, 15, 4, 15},
-                 {3, 5, 3, null, 15, 4, 15},
-                 {3, 5, 3, 15, null, 4, 15},
-                 {3, 5, 3, null, null, 4, 15}, // a count
-                 {3, 5, 3, 9, 9, 4, 15, "val"},
-                 {3, 5, 3, 9, 9, 4, 15, "col_ind"},
-                 {3, 5, 3, 9, 9, 0, 15, "row_ptr"},
-                 {3, 5, 7, 15, 15, 8, 15},
-                 {3, 5, 0, 15, 15, 1, 15},
-                 {3, 5, -1, 15, 15, 0, 15},
-                 {3, 5, INT64_MAX, 15, 15, 0, 15},
-                 {0, 5, 0, 15, 15, 1, 0},
-                 {5, 0, 5, 15, 15, 6, 0},
-                 {-3, 5, 3, 15, 15, 4, 0},
-                 {-3, -5, 3, 15, 15, 4, 15},
-                 {two_to_62, 4, 3, 15, 15, 4, 0},
-                 {two_to_62 + 3, 4, 3, 15, 15, 4, 12}};
-    for (const auto& t : cases) {
+    // m, n, exported rows; lengths of col_indx and values; how many row pointers and entries are written.
+    // More than m*n: a column twice in a row. Both null: a count.
+    const Int cases[][7] = {{3, 5, 3, 15, 15, 4, 15},
+                            {3, 5, 3, 99, 99, 4, 15},
+                            {1, 1, 1, 1, 1, 2, 1},
+                            {70, 70, 9, 4900, 4900, 10, 4900},
+                            {70, 70, 1, 4894, 4893, 2, 4900},
+                            {2, 70, 5000, 140, 140, 5001, 140},
+                            {3, 5, 3, 14, 14, 4, 15},
+                            {3, 5, 3, 4, 9, 4, 15},
+                            {3, 5, 3, 9, 6, 4, 15},
+                            {3, 5, 3, 0, 15, 4, 15},
+                            {3, 5, 3, null, 15, 4, 15},
+                            {3, 5, 3, 15, null, 4, 15},
+                            {3, 5, 3, null, null, 4, 15},
+                            {3, 5, 7, 15, 15, 8, 15},
+                            {3, 5, 0, 15, 15, 1, 15},
+                            {3, 5, -1, 15, 15, 0, 15},
+                            {3, 5, INT64_MAX, 15, 15, 0, 15},
+                            {0, 5, 0, 15, 15, 1, 0},
+                            {5, 0, 5, 15, 15, 6, 0},
+                            {-3, 5, 3, 15, 15, 4, 0},
+                            {-3, -5, 3, 15, 15, 4, 15},
+                            {two_to_62, 4, 3, 15, 15, 4, 0},
+                            {two_to_62 + 3, 4, 3, 15, 15, 4, 12}};
+    for (const auto& [rows, columns, exported_rows, col_indx, values, row_pointers, entries] : cases) {
         for (const Int stage : {0, 1, 2}) {
-            SCOPED_TRACE(
-                call_text("stage m n rows", stage, t.m, t.n, t.exported_rows, "lengths", t.col_indx, t.values));
-            const std::string_view skipped = t.skipped_output;
-            script_wraps(0, false);
-            const Source<Int> rows_start(std::max<Int>(t.row_pointers, 1));
-            const Source<Int> col_indx(t.col_indx);
-            const Source<double> values(t.values);
-            mkl.on_product = [&] {
-                col_indx.make_block();
-                values.make_block();
-            };
-            mkl.result = {t.exported_rows, rows_start.data.get(), col_indx.data.get(), values.data.get()};
-            CsrOutput c(t.entries, t.row_pointers);
-            Int ignored = 0;
-            spgmatspgmattr_mkl_int64_new(stage, t.m, k, t.n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr,
-                                         0, skipped == "val" ? nullptr : c.val.data(),
-                                         skipped == "col_ind" ? nullptr : c.col_ind.data(),
-                                         skipped == "row_ptr" ? nullptr : c.row_ptr.data(), ignored);
-            const auto expect = [&](const char* name, const auto& output, Int counted, Int written) {
-                SCOPED_TRACE(name);
-                expect_counted(output, skipped == name ? 0 : std::clamp<Int>(counted, 0, written),
-                               skipped == name ? 0 : written);
-            };
-            expect("row_ptr", c.row_ptr, t.row_pointers, t.row_pointers);
-            expect("col_ind", c.col_ind, t.col_indx, t.entries);
-            expect("val", c.val, t.values, t.entries);
+            for (const char* null_output : {"", "val", "col_ind", "row_ptr"}) {
+                SCOPED_TRACE(call_text("stage m n rows", stage, rows, columns, exported_rows, "lengths", col_indx,
+                                       values, "null", null_output));
+                script_wraps(0, false);
+                Product product(std::max<Int>(row_pointers, 1), col_indx, values);
+                product.script(exported_rows);
+                CsrOutput c(entries, row_pointers);
+                c.multiply(stage, rows, columns, null_output);
+                c.expect(row_pointers, col_indx, values, entries, null_output);
+            }
         }
     }
 }
 
 // Nothing is exported without a row pointer, whatever else the export gives.
 TEST(SparseContract, NoRowPointerNoCopy) {
-    const Source<Int> col_indx(m * n);
-    const Source<double> values(m * n);
     script_wraps(0, false);
-    mkl.result = {m, nullptr, col_indx.data.get(), values.data.get()};
+    Product product(-1, m * n, m * n);
+    product.script(m);
     CsrOutput c;
     c.multiply();
-    expect_counted(c.row_ptr, 0, 0);
-    expect_counted(c.col_ind, 0, 0);
-    expect_counted(c.val, 0, 0);
+    c.expect(0, 0, 0, 0);
 }
 
 // Only the blocks made on the calling thread during the product count, and of those at one address the
 // latest. Any other array has m*n elements.
 TEST(SparseContract, BlocksThatTellTheLengthOfAnArray) {
-    const Source<Int> rows_start(m + 1);
-    const Source<Int> col_indx(m * n);
-    const Source<double> values(m * n);
+    Product product(m + 1, m * n, m * n);
     double workspace = 0;
-    const auto make = [](const void* address, Int elements) {
-        mkl.next_block = const_cast<void*>(address);
-        EXPECT_EQ(mkl_serv_malloc(8 * static_cast<std::size_t>(elements), 64), address);
-    };
     const auto made = [&](const std::vector<Int>& lengths, int others = 0) {
-        return [=, &col_indx, &values, &workspace] {
+        return [=, &product, &workspace] {
             for (const Int length : lengths) {
-                make(col_indx.data.get(), length);
-                make(values.data.get(), length);
+                product.make_blocks(length, length);
             }
             for (int i = 0; i < others; ++i) {
-                make(&workspace, 1);
+                Product::make_block(&workspace, 1);
             }
         };
     };
@@ -297,13 +286,12 @@ TEST(SparseContract, BlocksThatTellTheLengthOfAnArray) {
     for (const auto& t : cases) {
         SCOPED_TRACE(t.name);
         script_wraps(0, false);
+        product.script(m);
         mkl.on_create = t.on_create;
         mkl.on_product = t.on_product;
-        mkl.result = {m, rows_start.data.get(), col_indx.data.get(), values.data.get()};
         CsrOutput c;
         c.multiply();
-        expect_counted(c.col_ind, t.length, m * n);
-        expect_counted(c.val, t.length, m * n);
+        c.expect(m + 1, t.length, t.length, m * n);
     }
 }
 
@@ -316,38 +304,27 @@ TEST(SparseContract, CallersOwnArraysStayAsTheyAre) {
     script_wraps(0, false);
     mkl.result = {m, c.row_ptr.data(), c.col_ind.data(), c.val.data()};
     c.multiply(2);
-    expect_counted(c.row_ptr, m + 1, m + 1);
-    expect_counted(c.col_ind, m * n, m * n);
-    expect_counted(c.val, m * n, m * n);
+    c.expect(m + 1, m * n, m * n, m * n);
 }
 
 // A whole call on another thread, between the export of the first and its copy, changes nothing in it.
 TEST(SparseContract, CallsOnTwoThreadsShareNothing) {
-    const Source<Int> rows_start(m + 1);
-    const Source<Int> col_indx(9);
-    const Source<double> values(9);
-    const Source<Int> other_rows_start(2);
+    Product product(m + 1, 9, 9);
+    Product counted(2, -1, -1);
     script_wraps(0, false);
-    mkl.on_product = [&] {
-        col_indx.make_block();
-        values.make_block();
-    };
-    mkl.result = {m, rows_start.data.get(), col_indx.data.get(), values.data.get()};
+    product.script(m);
     mkl.on_export = [&] {
         std::thread([&] {
             mkl.wraps.assign(3, {SPARSE_STATUS_SUCCESS, new_handle});
-            mkl.result = {1, other_rows_start.data.get(), nullptr, nullptr};
+            mkl.result = {1, counted.rows_start.get(), nullptr, nullptr};
             CsrOutput other;
             other.multiply(1, 1, 2);
-            expect_counted(other.row_ptr, 2, 2);
-            expect_counted(other.val, 0, 2);
+            other.expect(2, 0, 0, 2);
         }).join();
     };
     CsrOutput c;
     c.multiply();
-    expect_counted(c.row_ptr, m + 1, m + 1);
-    expect_counted(c.col_ind, 9, m * n);
-    expect_counted(c.val, 9, m * n);
+    c.expect(m + 1, 9, 9, m * n);
 }
 
 TEST(SparseContract, OnlyTheCallersArraysAreKeptWhenMklFrees) {

@@ -47,100 +47,93 @@ EigenMatrix only_on_rank_0(const EigenMatrix& a) {
     return rank == 0 ? a : EigenMatrix();
 }
 
-// Element i of the j-th column of every operand.
-double operand(Int i, Int j = 0) {
-    return static_cast<double>((3 * i + 7 * j) % 11 - 5);
+Eigen::MatrixXd operands(Int rows) {
+    return Eigen::MatrixXd::NullaryExpr(rows, columns, [](Int i, Int j) { return double((3 * i + 7 * j) % 11 - 5); });
 }
 
-Eigen::MatrixXd operands(Int rows, Int count) {
-    return Eigen::MatrixXd::NullaryExpr(rows, count, [](Int i, Int j) { return operand(i, j); });
-}
-
-Vec vector(Mat a, bool of_columns, double (*element)(Int)) {
-    Vec x = nullptr;
+// Sets this rank's part of a vector.
+void set(Vec vector, const Eigen::VectorXd& all) {
     Int begin = 0;
     Int end = 0;
-    check(of_columns ? MatCreateVecs(a, &x, nullptr) : MatCreateVecs(a, nullptr, &x));
-    check(VecGetOwnershipRange(x, &begin, &end));
-    for (Int i = begin; i < end; ++i) {
-        check(VecSetValue(x, i, element(i), INSERT_VALUES));
-    }
-    check(VecAssemblyBegin(x));
-    check(VecAssemblyEnd(x));
-    return x;
+    double* local = nullptr;
+    check(VecGetOwnershipRange(vector, &begin, &end));
+    check(VecGetArray(vector, &local));
+    std::copy(all.begin() + begin, all.begin() + end, local);
+    check(VecRestoreArray(vector, &local));
 }
 
-// On this rank; the test fails if it fails on any.
-void expect_local(const double* local, Int begin, Int end, const Eigen::VectorXd& expected, const char* product) {
-    EXPECT_EQ(Eigen::VectorXd(Eigen::Map<const Eigen::VectorXd>(local, end - begin)),
-              Eigen::VectorXd(expected.segment(begin, end - begin)))
-        << product;
+// All of a vector, on every rank.
+Eigen::VectorXd gathered(Vec vector) {
+    VecScatter scatter = nullptr;
+    Vec all = nullptr;
+    const double* values = nullptr;
+    Int size = 0;
+    check(VecScatterCreateToAll(vector, &scatter, &all));
+    check(VecScatterBegin(scatter, vector, all, INSERT_VALUES, SCATTER_FORWARD));
+    check(VecScatterEnd(scatter, vector, all, INSERT_VALUES, SCATTER_FORWARD));
+    check(VecGetSize(all, &size));
+    check(VecGetArrayRead(all, &values));
+    Eigen::VectorXd result = Eigen::Map<const Eigen::VectorXd>(values, size);
+    check(VecRestoreArrayRead(all, &values));
+    check(VecScatterDestroy(&scatter));
+    check(VecDestroy(&all));
+    return result;
 }
 
-void expect_vector(Vec x, const Eigen::VectorXd& expected, const char* product) {
-    const double* local = nullptr;
-    Int begin = 0;
-    Int end = 0;
-    check(VecGetOwnershipRange(x, &begin, &end));
-    check(VecGetArrayRead(x, &local));
-    expect_local(local, begin, end, expected, product);
-    check(VecRestoreArrayRead(x, &local));
-}
-
+// Outputs and ghosts hold NaN before each product.
 void expect_products(DistributedOperator& op, Mat aij, const EigenMatrix& a) {
     const auto forget_ghosts = [&](Int count) { op.ghost_values().assign(std::size_t(op.ghosts() * count), nan); };
-    Vec x = vector(aij, true, [](Int i) { return operand(i); });
-    Vec y = vector(aij, false, [](Int i) { return operand(i, 1); });
-    Vec z = vector(aij, false, [](Int) { return nan; });
-    Vec t = vector(aij, true, [](Int) { return nan; });
-    const Eigen::VectorXd x_all = operands(a.cols(), 1);
-    const Eigen::VectorXd y_all = operands(a.rows(), 2).col(1);
+    const Eigen::MatrixXd x_all = operands(a.cols());
+    const Eigen::VectorXd y_all = operands(a.rows()).col(1);
+    Vec x = nullptr;
+    Vec y = nullptr;
+    Vec z = nullptr;
+    check(MatCreateVecs(aij, &x, &y));
+    check(VecDuplicate(y, &z));
+    set(x, x_all.col(0));
+    set(y, y_all);
+    check(VecSet(z, nan));
     forget_ghosts(1);
     check(MatMult(op.shell(), x, z));
-    expect_vector(z, a * x_all, "A*x");
+    EXPECT_EQ(gathered(z), a * x_all.col(0)) << "A*x";
     forget_ghosts(1);
     check(MatMultAdd(op.shell(), x, y, z));
-    expect_vector(z, a * x_all + y_all, "A*x + y");
+    EXPECT_EQ(gathered(z), a * x_all.col(0) + y_all) << "A*x + y";
     check(MatMultAdd(op.shell(), x, z, z));
-    expect_vector(z, 2 * (a * x_all) + y_all, "A*x + z");
+    EXPECT_EQ(gathered(z), 2 * (a * x_all.col(0)) + y_all) << "A*x + z, in place";
+    check(VecSet(x, nan));
     forget_ghosts(1);
-    check(MatMultTranspose(op.shell(), y, t));
-    expect_vector(t, a.transpose() * y_all, "A^T*x");
+    check(MatMultTranspose(op.shell(), y, x));
+    EXPECT_EQ(gathered(x), a.transpose() * y_all) << "A^T*x";
 
     Int m = 0;
     Int k = 0;
-    Int begin = 0;
-    Int end = 0;
     Mat b = nullptr;
     Mat c = nullptr;
+    Vec column = nullptr;
     check(MatGetLocalSize(aij, &m, &k));
     check(MatCreateDense(PETSC_COMM_WORLD, k, PETSC_DECIDE, a.cols(), columns, nullptr, &b));
     check(MatCreateDense(PETSC_COMM_WORLD, m, PETSC_DECIDE, a.rows(), columns, nullptr, &c));
-    double* array = nullptr;
-    check(MatGetOwnershipRange(b, &begin, &end));
-    check(MatDenseGetArray(b, &array));
-    for (Int i = begin; i < end; ++i) {
-        for (Int j = 0; j < columns; ++j) {
-            array[i - begin + j * k] = operand(i, j);
-        }
+    for (Int j = 0; j < columns; ++j) {
+        check(MatDenseGetColumnVecWrite(b, j, &column));
+        set(column, x_all.col(j));
+        check(MatDenseRestoreColumnVecWrite(b, j, &column));
+        check(MatDenseGetColumnVecWrite(c, j, &column));
+        check(VecSet(column, nan));
+        check(MatDenseRestoreColumnVecWrite(c, j, &column));
     }
-    check(MatDenseRestoreArray(b, &array));
-    check(MatDenseGetArray(c, &array));
-    std::fill_n(array, m * columns, nan);
-    check(MatDenseRestoreArray(c, &array));
     forget_ghosts(columns);
     op.multiply(b, c);
-    check(MatGetOwnershipRange(c, &begin, &end));
-    check(MatDenseGetArray(c, &array));
     for (Int j = 0; j < columns; ++j) {
-        expect_local(array + j * m, begin, end, a * operands(a.cols(), columns).col(j), "A*B");
-    }
-    check(MatDenseRestoreArray(c, &array));
-    for (Vec* each : {&x, &y, &z, &t}) {
-        check(VecDestroy(each));
+        check(MatDenseGetColumnVecRead(c, j, &column));
+        EXPECT_EQ(gathered(column), a * x_all.col(j)) << "A*B";
+        check(MatDenseRestoreColumnVecRead(c, j, &column));
     }
     check(MatDestroy(&b));
     check(MatDestroy(&c));
+    for (Vec* each : {&x, &y, &z}) {
+        check(VecDestroy(each));
+    }
 }
 
 TEST(Distributed, ProductsAgreeWithSerialOnes) {
@@ -202,8 +195,10 @@ TEST(Distributed, SolversTakeAsManyIterationsAsOnPetscsOwnMatrix) {
             std::vector<Int> iterations;
             for (Mat matrix : {op.shell(), aij}) {
                 KSP solver = nullptr;
-                Vec b = vector(aij, false, [](Int i) { return operand(i); });
-                Vec x = vector(aij, true, [](Int) { return 0.0; });
+                Vec b = nullptr;
+                Vec x = nullptr;
+                check(MatCreateVecs(aij, &x, &b));
+                set(b, operands(a.rows()).col(0));
                 check(KSPCreate(PETSC_COMM_WORLD, &solver));
                 check(KSPSetType(solver, type));
                 check(KSPSetOperators(solver, matrix, aij));

@@ -194,9 +194,11 @@ int run(const std::string& path, bool built_in, Int grid, int repetitions) {
         return 1;
     }
     const bool symmetric = verdict[1] != 0;
-    print(stdout, "{}: {} x {}, {} stored entries that sum to {:.6g}, {}, on {} ranks\n\n",
-          built_in ? fmt::format("Poisson matrix of a {0} x {0} x {0} grid", grid) : path, matrix.rows(), matrix.cols(),
-          matrix.nonZeros(), matrix.sum(), symmetric ? "symmetric" : "unsymmetric", ranks);
+    if (rank == 0) {
+        fmt::print("{}: {} x {}, {} stored entries that sum to {:.6g}, {}, on {} ranks\n\n",
+                   built_in ? fmt::format("Poisson matrix of a {0} x {0} x {0} grid", grid) : path, matrix.rows(),
+                   matrix.cols(), matrix.nonZeros(), matrix.sum(), symmetric ? "symmetric" : "unsymmetric", ranks);
+    }
     Mat aij = distribute(matrix);
     matrix = EigenMatrix(); // each rank has its rows
     Int m = 0;

@@ -98,7 +98,8 @@ std::array<double, 2> median_milliseconds(int repetitions, Ours ours, Theirs the
     for (auto& each : times) {
         std::nth_element(each.begin(), each.begin() + repetitions / 2, each.end());
     }
-    return {times[0][repetitions / 2], times[1][repetitions / 2]};
+    const auto middle = static_cast<std::size_t>(repetitions / 2);
+    return {times[0][middle], times[1][middle]};
 }
 
 Vec random_vector(Int local_size) {
@@ -155,7 +156,7 @@ bool compare(Mat aij, DistributedOperator& a, int repetitions) {
     std::array<Mat, 3> blocks{}; // the operand, our result, PETSc's
     std::array<double*, 2> arrays{};
     std::array<Vec, 2> views{}; // of the results
-    check(MatCreateDense(PETSC_COMM_WORLD, k, PETSC_DECIDE, all_rows, block_columns, nullptr, &blocks[0]));
+    check(MatCreateDense(PETSC_COMM_WORLD, k, PETSC_DECIDE, all_rows, block_columns, nullptr, blocks.data()));
     check(MatSetRandom(blocks[0], nullptr));
     check(MatMatMult(aij, blocks[0], MAT_INITIAL_MATRIX, PETSC_DEFAULT, &blocks[2]));
     check(MatDuplicate(blocks[2], MAT_DO_NOT_COPY_VALUES, &blocks[1]));
@@ -168,7 +169,7 @@ bool compare(Mat aij, DistributedOperator& a, int repetitions) {
         "A*B", block_columns, views[0], views[1], [&] { a.multiply(blocks[0], blocks[1]); },
         [&] { return MatMatMult(aij, blocks[0], MAT_REUSE_MATRIX, PETSC_DEFAULT, &blocks[2]); });
 
-    for (auto& vectors : {x, y}) {
+    for (const auto& vectors : {x, y}) {
         std::for_each(vectors.begin(), vectors.end(), [](Vec vector) { check(VecDestroy(&vector)); });
     }
     std::for_each(views.begin(), views.end(), [](Vec vector) { check(VecDestroy(&vector)); });
@@ -184,7 +185,7 @@ int run(const std::string& path, bool built_in, Int grid, int repetitions) {
         try {
             matrix = built_in ? poisson(grid) : read_matrix_market(path);
             matrix.makeCompressed();
-            verdict = {1, int{is_symmetric(matrix)}};
+            verdict = {1, static_cast<int>(is_symmetric(matrix))};
         } catch (const std::exception& error) {
             fmt::print(stderr, "distributed_host: {}\n", error.what());
         }
@@ -235,41 +236,46 @@ int main(int argc, char** argv) {
     MPI_Init(&argc, &argv);
     MPI_Comm_rank(MPI_COMM_WORLD, &rank);
     MPI_Comm_size(MPI_COMM_WORLD, &ranks);
-
-    std::string path;
-    Int grid = 100;
-    int repetitions = 5;
-    CLI::App app("Solves A*x = b on many ranks with the products of csr_products under PETSc, and compares every "
-                 "product with PETSc's. PETSc's own options, such as -ksp_type, come last.");
-    app.footer(
-        "Exit status:\n"
-        "  0  every product agrees with PETSc's; the system of a file may not have converged, which a line says\n"
-        "  1  bad arguments, a bad file, output that cannot be written\n"
-        "  2  a product differs from PETSc's, or the Poisson system did not converge");
-    app.set_help_flag("--help", "Print this help message and exit");
-    auto* const file = app.add_option("file", path, "Matrix Market file; without one, the 3-D Poisson matrix");
-    app.add_option("--grid", grid, "points along an edge of the Poisson cube")
-        ->excludes(file)
-        ->check(CLI::Range(1, 250))
-        ->capture_default_str();
-    app.add_option("--repetitions", repetitions, "how often each product is timed")
-        ->check(CLI::Range(1, 1000))
-        ->capture_default_str();
-
-    // PETSc's own options begin with the first one that has a single dash.
-    char** const petsc = std::find_if(argv + 1, argv + argc, [](const char* s) { return s[0] == '-' && s[1] != '-'; });
     int status = 0;
     try {
-        app.parse(static_cast<int>(petsc - argv), argv);
+        std::string path;
+        Int grid = 100;
+        int repetitions = 5;
+        CLI::App app("Solves A*x = b on many ranks with the products of csr_products under PETSc, and compares every "
+                     "product with PETSc's. PETSc's own options, such as -ksp_type, come last.");
+        app.footer("Exit status:\n"
+                   "  0  every product agrees with PETSc's; the system of a file may not have converged, which a line "
+                   "says\n"
+                   "  1  bad arguments, a bad file, output that cannot be written\n"
+                   "  2  a product differs from PETSc's, or the Poisson system did not converge");
+        app.set_help_flag("--help", "Print this help message and exit");
+        auto* const file = app.add_option("file", path, "Matrix Market file; without one, the 3-D Poisson matrix");
+        app.add_option("--grid", grid, "points along an edge of the Poisson cube")
+            ->excludes(file)
+            ->check(CLI::Range(1, 250))
+            ->capture_default_str();
+        app.add_option("--repetitions", repetitions, "how often each product is timed")
+            ->check(CLI::Range(1, 1000))
+            ->capture_default_str();
+
+        // PETSc's own options begin with the first one that has a single dash.
+        const auto is_petscs = [](const char* argument) { return argument[0] == '-' && argument[1] != '-'; };
+        char** const petsc = std::find_if(argv + 1, argv + argc, is_petscs);
+        try {
+            app.parse(static_cast<int>(petsc - argv), argv);
+        } catch (const CLI::CallForHelp&) {
+            print(stdout, "{}", app.help());
+            return MPI_Finalize();
+        }
         int petsc_count = static_cast<int>(argv + argc - petsc) + 1;
         char** petsc_values = petsc - 1; // PETSc skips the first, conventionally the program
         check(PetscInitialize(&petsc_count, &petsc_values, nullptr, nullptr));
         status = run(path, file->count() == 0, grid, repetitions);
         check(PetscFinalize());
-    } catch (const CLI::CallForHelp& help) {
-        print(stdout, "{}", app.help());
     } catch (const std::exception& error) {
-        print(stderr, "distributed_host: {}\n", error.what());
+        if (rank == 0) {
+            std::fprintf(stderr, "distributed_host: %s\n", error.what());
+        }
         status = 1;
     }
     MPI_Finalize();

@@ -7,7 +7,8 @@
 
 #include <stdint.h>
 
-/* clang-format off: one way of breaking lines, by operand */
+// Lines break by operand.
+// clang-format off
 
 /// C := A*B; `_ld` with leading dimensions. A is m x k, B is k x n.
 void spgmatgmat_mkl_G_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,

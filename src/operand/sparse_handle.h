@@ -18,7 +18,7 @@ inline const std::int64_t* from_mkl(const MKL_INT* array) noexcept {
 }
 
 // The row pointer advanced by one element. The caller's may be null, to which nothing may be added.
-inline std::int64_t* row_ends(std::int64_t* row_ptr) noexcept {
+inline std::int64_t* row_ends(const std::int64_t* row_ptr) noexcept {
     const auto address = reinterpret_cast<std::uintptr_t>(row_ptr) + sizeof *row_ptr;
     return reinterpret_cast<std::int64_t*>(address); // NOLINT(performance-no-int-to-ptr)
 }

@@ -1,5 +1,5 @@
-! Calls every function once, by its name in Fortran, on operands whose dimensions all differ, and compares
-! with the intrinsic matmul.
+! Calls every function once, by its name and those of its arguments in Fortran, on operands whose dimensions
+! all differ, and compares with the intrinsic matmul.
 program every_entry
   use, intrinsic :: iso_fortran_env, only: ip => int64, dp => real64
   use csr_products
@@ -22,26 +22,26 @@ program every_entry
   wide = reshape([(real(i, dp), i = 1, ldb * n)], [ldb, n])
 
   call qz_mkl_set_num_threads_int64(2)
-  call spgmatgmat_mkl_G_int64(a_val, a_col_ind, a_row_ptr, x, m, k, n, c)
+  call spgmatgmat_mkl_G_int64(a_val, a_col_ind, a_row_ptr, x, m=m, k=k, n=n, c=c)
   call check("spgmatgmat_mkl_G_int64", all(c == matmul(a, x)))
   c_wide = 7
-  call spgmatgmat_mkl_G_int64_ld(a_val, a_col_ind, a_row_ptr, wide, ldb, m, k, n, c_wide, ldc)
+  call spgmatgmat_mkl_G_int64_ld(a_val, a_col_ind, a_row_ptr, wide, ldb=ldb, m=m, k=k, n=n, c=c_wide, ldc=ldc)
   call check("spgmatgmat_mkl_G_int64_ld", all(c_wide(:m, :) == matmul(a, wide(:k, :))) .and. all(c_wide(m + 1:, :) == 7))
-  call spgmatgmatsum_mkl_G_int64(a_val, a_col_ind, a_row_ptr, wide, ldb, m, k, n, c_wide, ldc)
+  call spgmatgmatsum_mkl_G_int64(a_val, a_col_ind, a_row_ptr, wide, ldb=ldb, m=m, k=k, n=n, c=c_wide, ldc=ldc)
   call check("spgmatgmatsum_mkl_G_int64", all(c_wide(:m, :) == 2 * matmul(a, wide(:k, :))) .and. all(c_wide(m + 1:, :) == 7))
-  call spgmatgmat_mkl_S_int64(s_val, s_col_ind, s_row_ptr, x, k, k, n, z)
+  call spgmatgmat_mkl_S_int64(s_val, s_col_ind, s_row_ptr, x, m=k, k=k, n=n, c=z)
   call check("spgmatgmat_mkl_S_int64", all(z == matmul(s, x)))
-  call spgmatgmat_mkl_S_int64_ld(s_val, s_col_ind, s_row_ptr, wide, ldb, k, k, n, c_wide, ldc)
+  call spgmatgmat_mkl_S_int64_ld(s_val, s_col_ind, s_row_ptr, wide, ldb=ldb, m=k, k=k, n=n, c=c_wide, ldc=ldc)
   call check("spgmatgmat_mkl_S_int64_ld", all(c_wide(:k, :) == matmul(s, wide(:k, :))) .and. all(c_wide(ldc, :) == 7))
-  call spgmatgmatsum_mkl_S_int64(s_val, s_col_ind, s_row_ptr, wide, ldb, k, k, n, c_wide, ldc)
+  call spgmatgmatsum_mkl_S_int64(s_val, s_col_ind, s_row_ptr, wide, ldb=ldb, m=k, k=k, n=n, c=c_wide, ldc=ldc)
   call check("spgmatgmatsum_mkl_S_int64", all(c_wide(:k, :) == matmul(s, wide(:k, :))) .and. all(c_wide(ldc, :) == 7))
-  call spgmattrgmat_mkl_G_int64(a_val, a_col_ind, a_row_ptr, x, m, k, 1_ip, t)
+  call spgmattrgmat_mkl_G_int64(a_val, a_col_ind, a_row_ptr, x, m=m, k=k, n=1_ip, c=t)
   call check("spgmattrgmat_mkl_G_int64", all(t == matmul(transpose(a), x(:m, 1))))
-  call spgmattrgmat_mkl_S_int64(s_val, s_col_ind, s_row_ptr, x, k, k, n, z)
+  call spgmattrgmat_mkl_S_int64(s_val, s_col_ind, s_row_ptr, x, m=k, k=k, n=n, c=z)
   call check("spgmattrgmat_mkl_S_int64", all(z == matmul(s, x)))
-  call spgmatgvec_mkl_G_int64(a_val, a_col_ind, a_row_ptr, x, m, k, y)
+  call spgmatgvec_mkl_G_int64(a_val, a_col_ind, a_row_ptr, x, m=m, k=k, y=y)
   call check("spgmatgvec_mkl_G_int64", all(y == matmul(a, x(:, 1))))
-  call spgmatgvecsum_mkl_G_int64(a_val, a_col_ind, a_row_ptr, x, m, k, y)
+  call spgmatgvecsum_mkl_G_int64(a_val, a_col_ind, a_row_ptr, x, m=m, k=k, y=y)
   call check("spgmatgvecsum_mkl_G_int64", all(y == 2 * matmul(a, x(:, 1))))
   call spgmatspgmattr_gmat_mkl_int64_new(m, k, n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr, c)
   call check("spgmatspgmattr_gmat_mkl_int64_new", all(c == matmul(a, transpose(b))))

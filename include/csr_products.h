@@ -152,8 +152,9 @@ void spgmatspgmattr_gmat_mkl_int64_new(std::int64_t m, std::int64_t k, std::int6
 /// C := A*B^T, one-based CSR, in one call or in stages.
 ///
 /// `c_row_ptr` holds m + 1 elements. `c_val` and `c_col_ind` hold **m*n elements each**, the dense
-/// size of C, at every stage and however few entries are stored. A call writes all of them: the
-/// stored entries first, then zeros. An output array that is null is not written.
+/// size of C, at every stage and however few entries are stored. A call that computes the structure of
+/// C writes all of them: the stored entries first, then zeros. An output array that is null is not
+/// written.
 ///
 /// nnz is c_row_ptr[m] - 1. The column numbers within a row come in MKL's order, which need not be
 /// ascending. What each `stage` leaves:

@@ -23,67 +23,54 @@ static const double x[] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}; // the dense 
 static double c[most], expected[most];
 static int failures = 0;
 
-static void start(void) {
-    for (int i = 0; i < most; ++i) {
-        c[i] = expected[i] = 100 + i;
-    }
-}
-
-// expected := op(matrix) * x + beta * expected, with op(matrix) of rows x inner
-static void multiply(const double* matrix, int rows, int inner, int transposed, int columns, int ld_x, double beta, int ld_c) {
-    for (int j = 0; j < columns; ++j) {
-        for (int i = 0; i < rows; ++i) {
-            double sum = beta * expected[i + j * ld_c];
-            for (int p = 0; p < inner; ++p) {
-                sum += matrix[transposed ? p + i * inner : i + p * rows] * x[p + j * ld_x];
-            }
-            expected[i + j * ld_c] = sum;
-        }
-    }
-}
-
 static void check(const char* name) {
     if (memcmp(c, expected, sizeof c) != 0) {
         printf("%s: wrong product\n", name);
         ++failures;
     }
-    start();
+    for (int i = 0; i < most; ++i) {
+        c[i] = expected[i] = 100 + i;
+    }
+}
+
+// c is op(matrix) * x + beta * what it held, with op(matrix) of rows x inner.
+static void check_product(const char* name, const double* matrix, int rows, int inner, int transposed, int columns,
+                          int ld_x, double beta, int ld_c) {
+    for (int i = 0; i < rows * columns; ++i) {
+        const int row = i % rows, j = i / rows;
+        double* const element = &expected[row + j * ld_c];
+        *element *= beta;
+        for (int p = 0; p < inner; ++p) {
+            *element += matrix[transposed ? p + row * inner : row + p * rows] * x[p + j * ld_x];
+        }
+    }
+    check(name);
 }
 
 int main(void) {
     int64_t c_col_ind[m * n], c_row_ptr[m + 1], ignored = 0;
     qz_mkl_set_num_threads_int64(2);
-    start();
+    check("nothing"); // prepares the outputs
     spgmatgmat_mkl_G_int64(a_val, a_col_ind, a_row_ptr, x, m, k, n, c);
-    multiply(a, m, k, 0, n, k, 0, m);
-    check("spgmatgmat_mkl_G_int64");
+    check_product("spgmatgmat_mkl_G_int64", a, m, k, 0, n, k, 0, m);
     spgmatgmat_mkl_G_int64_ld(a_val, a_col_ind, a_row_ptr, x, ldb, m, k, n, c, ldc);
-    multiply(a, m, k, 0, n, ldb, 0, ldc);
-    check("spgmatgmat_mkl_G_int64_ld");
+    check_product("spgmatgmat_mkl_G_int64_ld", a, m, k, 0, n, ldb, 0, ldc);
     spgmatgmat_mkl_S_int64(s_val, s_col_ind, s_row_ptr, x, k, k, n, c);
-    multiply(s, k, k, 0, n, k, 0, k);
-    check("spgmatgmat_mkl_S_int64");
+    check_product("spgmatgmat_mkl_S_int64", s, k, k, 0, n, k, 0, k);
     spgmatgmat_mkl_S_int64_ld(s_val, s_col_ind, s_row_ptr, x, ldb, k, k, n, c, ldc);
-    multiply(s, k, k, 0, n, ldb, 0, ldc);
-    check("spgmatgmat_mkl_S_int64_ld");
+    check_product("spgmatgmat_mkl_S_int64_ld", s, k, k, 0, n, ldb, 0, ldc);
     spgmatgmatsum_mkl_G_int64(a_val, a_col_ind, a_row_ptr, x, ldb, m, k, n, c, ldc);
-    multiply(a, m, k, 0, n, ldb, 1, ldc);
-    check("spgmatgmatsum_mkl_G_int64");
+    check_product("spgmatgmatsum_mkl_G_int64", a, m, k, 0, n, ldb, 1, ldc);
     spgmatgmatsum_mkl_S_int64(s_val, s_col_ind, s_row_ptr, x, ldb, k, k, n, c, ldc);
-    multiply(s, k, k, 0, n, ldb, 0, ldc);
-    check("spgmatgmatsum_mkl_S_int64");
+    check_product("spgmatgmatsum_mkl_S_int64", s, k, k, 0, n, ldb, 0, ldc);
     spgmattrgmat_mkl_G_int64(a_val, a_col_ind, a_row_ptr, x, m, k, 1, c);
-    multiply(a, k, m, 1, 1, k, 0, m);
-    check("spgmattrgmat_mkl_G_int64");
+    check_product("spgmattrgmat_mkl_G_int64", a, k, m, 1, 1, k, 0, m);
     spgmattrgmat_mkl_S_int64(s_val, s_col_ind, s_row_ptr, x, k, k, n, c);
-    multiply(s, k, k, 1, n, k, 0, k);
-    check("spgmattrgmat_mkl_S_int64");
+    check_product("spgmattrgmat_mkl_S_int64", s, k, k, 1, n, k, 0, k);
     spgmatgvec_mkl_G_int64(a_val, a_col_ind, a_row_ptr, x, m, k, c);
-    multiply(a, m, k, 0, 1, k, 0, m);
-    check("spgmatgvec_mkl_G_int64");
+    check_product("spgmatgvec_mkl_G_int64", a, m, k, 0, 1, k, 0, m);
     spgmatgvecsum_mkl_G_int64(a_val, a_col_ind, a_row_ptr, x, m, k, c);
-    multiply(a, m, k, 0, 1, k, 1, m);
-    check("spgmatgvecsum_mkl_G_int64");
+    check_product("spgmatgvecsum_mkl_G_int64", a, m, k, 0, 1, k, 1, m);
 
     double product[m * n] = {0}; // A * B^T
     for (int i = 0; i < m * n * k; ++i) {

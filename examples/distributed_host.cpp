@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <limits>
 
 namespace {
@@ -25,6 +26,7 @@ template <class... Args>
 void print(std::FILE* file, const Args&... args) {
     if (rank == 0) {
         fmt::print(file, args...);
+        std::fflush(file);
     }
 }
 
@@ -57,7 +59,8 @@ bool solve(Mat aij, DistributedOperator& a, bool symmetric) {
     check(PCSetType(preconditioner, PCJACOBI));
     check(KSPSetFromOptions(solver));
     check(KSPGetType(solver, &name));
-    ProgressLine progress(rank == 0);
+    // The ranks write to a pipe of mpirun's, so scripts/run-ranks says whether there is a terminal behind it.
+    ProgressLine progress(rank == 0 && std::getenv("CSR_PRODUCTS_TERMINAL") != nullptr);
     const auto show = [](KSP, PetscInt iteration, PetscReal norm, void* line) {
         static_cast<ProgressLine*>(line)->show(fmt::format("iteration {}, residual {:.1e}", iteration, norm));
         return PetscErrorCode{};

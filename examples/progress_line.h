@@ -9,7 +9,7 @@
 // A line on the terminal that each new one overwrites; nothing where there is no terminal.
 class ProgressLine {
 public:
-    explicit ProgressLine(bool wanted = true) : terminal_(wanted && isatty(STDERR_FILENO) != 0) {}
+    explicit ProgressLine(bool terminal = isatty(STDERR_FILENO) != 0) : terminal_(terminal) {}
     ~ProgressLine() { show(""); }
 
     void show(const std::string& text) const {

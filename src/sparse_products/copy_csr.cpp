@@ -65,6 +65,9 @@ void copy_row_pointer(const std::int64_t* rows_start, std::int64_t rows, std::in
 // Kept on purpose: the copy runs over the dense size of C as the caller gave it, not over the stored
 // entries and not over the exported shape.
 void copy_entries(ExportedArray<std::int64_t> col_indx, ExportedArray<double> values, const CsrOperand& c) noexcept {
+    if (col_indx.data == c.col_ind && values.data == c.val) {
+        return; // the caller's own arrays, as after a refresh
+    }
     const std::int64_t total = std::max<std::int64_t>(dense_size(c), 0);
     const bool has_both = c.col_ind != nullptr && c.val != nullptr;
     const std::int64_t in_both = has_both ? std::min({total, col_indx.length, values.length}) : 0;

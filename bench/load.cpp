@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <dlfcn.h>
 #include <unistd.h>
 
@@ -47,14 +48,13 @@ int main(int argc, char** argv) {
     Multiply* multiply = nullptr;
     measure("load", [&] {
         void* const library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
-        if (library != nullptr) {
-            multiply = reinterpret_cast<Multiply*>(dlsym(library, "_Z22spgmatgvec_mkl_G_int64PdPlS0_S_llS_"));
+        void* const symbol = library == nullptr ? nullptr : dlsym(library, "_Z22spgmatgvec_mkl_G_int64PdPlS0_S_llS_");
+        if (symbol == nullptr) {
+            std::fprintf(stderr, "load: %s\n", dlerror());
+            std::exit(1);
         }
+        multiply = reinterpret_cast<Multiply*>(symbol);
     });
-    if (multiply == nullptr) {
-        std::fprintf(stderr, "load: %s\n", dlerror());
-        return 1;
-    }
     measure("first", [&] { multiply(val, col_ind, row_ptr, x, 2, 2, y); });
     measure("second", [&] { multiply(val, col_ind, row_ptr, x, 2, 2, y); });
     return 0;

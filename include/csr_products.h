@@ -159,14 +159,11 @@ void spgmatspgmattr_gmat_mkl_int64_new(std::int64_t m, std::int64_t k, std::int6
 /// nnz is c_row_ptr[m] - 1. The column numbers within a row come in MKL's order, which need not be
 /// ascending. What each `stage` leaves:
 ///
-/// | `stage`                                  | `c_row_ptr`     | first nnz elements of `c_col_ind` and `c_val` | the
-/// others |
-/// |------------------------------------------|-----------------|-----------------------------------------------|------------|
-/// | any value but 1 and 2, conventionally 0  | the row pointer | the product                                   | 0 |
-/// | 1, a count                               | the row pointer | 0                                             | 0 |
-/// | 2 on the arrays that a count left        | the row pointer | the product                                   | 0 |
-/// | 2 on any other arrays                    | as it was       | column numbers as they were, new values       | as
-/// they were |
+///   - **Any value but 1 and 2**, conventionally 0: the row pointer and the product.
+///   - **1**, a count: the row pointer. `c_col_ind` and `c_val` are all zeros.
+///   - **2 on the arrays that a count left**, its finish: the row pointer and the product.
+///   - **2 on any other arrays**, a refresh: new values for the column numbers that are there. The
+///     row pointer, the column numbers and the elements behind the stored entries stay as they were.
 ///
 /// Stage 2 recognises the arrays that a count left by c_row_ptr[0] = 1 and c_col_ind[0] = 0. On any
 /// other arrays it refreshes the values: it computes them for the column numbers and the row pointer

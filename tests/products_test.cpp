@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <limits>
 #include <pthread.h>
@@ -35,13 +36,13 @@ struct Csr {
     Indices col_ind;
     Indices row_ptr{1};
 
-    // The columns of each row ascend if the seed is even. Each entry stands `copies` times.
-    Csr(Int rows_, Int cols_, double density, unsigned seed, int copies = 1) : rows(rows_), cols(cols_) {
+    // The columns of each row ascend if the seed is even, and descend if it is odd.
+    Csr(Int rows_, Int cols_, double density, unsigned seed) : rows(rows_), cols(cols_) {
         std::mt19937 random(seed);
         std::bernoulli_distribution stored(density);
         for (Int i = 0; i < rows; ++i) {
             for (Int j = 0; j < cols && i % 7 != 3; ++j) { // every seventh row is empty
-                for (int copy = stored(random) ? 0 : copies; copy < copies; ++copy) {
+                if (stored(random)) {
                     col_ind.push_back(seed % 2 == 0 ? j + 1 : cols - j);
                     val.push_back(small_integer(random));
                 }
@@ -62,26 +63,43 @@ struct Csr {
     }
 };
 
-enum class Duplicates { none, present };
-
-void expect_dense_products(Csr a, Int n, Duplicates duplicates = Duplicates::none) {
+// NaN stands wherever a product must not look: in the output that is overwritten, below the diagonal of a
+// symmetric operand, in rows of B that meet no entry of A, and between the columns of B.
+void expect_dense_products(const Csr& a, Int n) {
     const Int m = a.rows;
     const Int k = a.cols;
     std::mt19937 random(1);
     for (const DenseEntry& e : dense_entries) {
         const bool symmetric = e.preset[1] == '1';
         const bool transposed = e.operation == 11;
-        if ((m != k && (symmetric || (transposed && n > 1))) ||
-            (duplicates == Duplicates::present && transposed && !symmetric)) {
+        if (m != k && (symmetric || (transposed && n > 1))) {
             continue; // no product that the entry offers
         }
         SCOPED_TRACE(testing::Message() << e.name << ": " << m << " x " << k << ", " << a.val.size()
                                         << " entries, columns " << n);
+        Csr stored = a;
+        struct Term {
+            Int to, from;
+            double value;
+        };
+        std::vector<Term> terms;
+        std::size_t position = 0;
+        a.each([&](Int row, Int col, double value) {
+            if (symmetric ? row <= col : !transposed) {
+                terms.push_back({row, col, value});
+            }
+            if (symmetric ? row < col : transposed) {
+                terms.push_back({col, row, value});
+            }
+            if (symmetric && row > col) {
+                stored.val[position] = nan;
+            }
+            ++position;
+        });
         const Int columns = e.form == DenseEntry::vector_form ? 1 : n;
         const Int ldb = e.form == DenseEntry::long_form ? k + 3 : k;
         const Int ldc = e.form == DenseEntry::long_form ? m + 5 : m;
-        Dense b(size(std::max(ldb, m) * columns));
-        std::generate(b.begin(), b.end(), [&] { return small_integer(random); });
+        Dense b(size(std::max(ldb, m) * columns), nan);
         Dense c(size(std::max(ldc, k) * columns + guard), untouched);
         Dense expected = c;
         for (Int j = 0; j < columns; ++j) {
@@ -89,19 +107,14 @@ void expect_dense_products(Csr a, Int n, Duplicates duplicates = Duplicates::non
                 c[size(i + j * ldc)] = e.beta == 0.0 ? nan : 3.0;
                 expected[size(i + j * ldc)] = 3.0 * e.beta;
             }
-            a.each([&](Int row, Int col, double value) {
-                const auto add = [&](Int to, Int from) {
-                    expected[size(to + j * ldc)] += value * b[size(from + j * ldb)];
-                };
-                if (symmetric ? row <= col : !transposed) {
-                    add(row, col);
-                }
-                if (symmetric ? row < col : transposed) {
-                    add(col, row);
-                }
-            });
+            for (const auto& [to, from, value] : terms) {
+                double& factor = b[size(from + j * ldb)];
+                factor = std::isnan(factor) ? small_integer(random) : factor;
+                expected[size(to + j * ldc)] += value * factor;
+            }
         }
-        e.call(a.val.data(), a.col_ind.data(), a.row_ptr.data(), b.data(), ldb, m, k, columns, c.data(), ldc);
+        e.call(stored.val.data(), stored.col_ind.data(), stored.row_ptr.data(), b.data(), ldb, m, k, columns, c.data(),
+               ldc);
         EXPECT_EQ(c, expected);
     }
 }
@@ -109,10 +122,9 @@ void expect_dense_products(Csr a, Int n, Duplicates duplicates = Duplicates::non
 TEST(DenseProducts, AgreeWithPlainLoops) {
     for (const auto& [m, k] : {std::pair<Int, Int>{1, 1}, {4, 4}, {50, 50}, {300, 40}, {40, 300}}) {
         for (const double density : {0.0, 0.02, 0.3, 1.0}) {
-            for (const Int n : {1, 2, 9}) {
+            for (const Int n : {1, 2, 9, 17, 33}) {
                 expect_dense_products(Csr(m, k, density, 1), n);
                 expect_dense_products(Csr(m, k, density, 2), n);
-                expect_dense_products(Csr(m, k, density, 3, 2), n, Duplicates::present);
             }
         }
     }
@@ -189,32 +201,40 @@ struct CsrOutput : Csr {
         EXPECT_EQ(ignored_result, untouched);
     }
 
-    // Every element: the product's entries, each once, then zeros, then the guard.
-    void expect_product(const Dense& expected) const {
+    // Every element: the product's entries, each once, then the tail, then the guard.
+    void expect_product(const Dense& expected, int tail = 0) const {
         Dense c(expected.size());
         each([&](Int row, Int col, double value) {
             EXPECT_EQ(c.at(size(row + col * rows)), 0.0) << "an entry stands twice, or is zero";
             c.at(size(row + col * rows)) = value;
         });
         EXPECT_TRUE(c == expected);
-        expect_zeros_from(Int(std::count_if(expected.begin(), expected.end(), [](double x) { return x != 0.0; })));
+        EXPECT_EQ(stored(), std::count_if(expected.begin(), expected.end(), [](double x) { return x != 0.0; }));
+        expect_from(stored(), tail);
     }
 
-    void expect_zeros_from(Int stored) const {
-        EXPECT_EQ(row_ptr[size(rows)], stored + 1);
-        const auto is_tail = [&](const auto& output, Int first_guard) {
-            const auto guard_begin = output.begin() + first_guard;
-            return std::all_of(output.begin() + std::min(stored, first_guard), guard_begin,
-                               [](auto x) { return x == 0; }) &&
+    Int stored() const { return row_ptr[size(rows)] - 1; }
+
+    void expect_from(Int first, int tail) const {
+        const auto is_tail = [&](const auto& output) {
+            const auto guard_begin = output.end() - guard;
+            return std::all_of(output.begin() + first, guard_begin, [&](auto x) { return x == tail; }) &&
                    std::all_of(guard_begin, output.end(), [](auto x) { return x == untouched; });
         };
-        EXPECT_TRUE(is_tail(val, rows * cols));
-        EXPECT_TRUE(is_tail(col_ind, rows * cols));
+        EXPECT_TRUE(is_tail(val));
+        EXPECT_TRUE(is_tail(col_ind));
         EXPECT_EQ(Indices(row_ptr.end() - guard, row_ptr.end()), Indices(guard, untouched));
+    }
+
+    void write_tail(int tail) {
+        std::fill(val.begin() + stored(), val.end() - guard, tail);
+        std::fill(col_ind.begin() + stored(), col_ind.end() - guard, tail);
     }
 };
 
-void expect_transposed_products(Int m, Int k, Int n, double a_density, double b_density, unsigned seed = 1) {
+// A count of threads <= 0 leaves it as it is.
+void expect_transposed_products(Int m, Int k, Int n, double a_density, double b_density, unsigned seed = 1,
+                                int threads_of_refresh = 0) {
     SCOPED_TRACE(testing::Message() << m << " x " << k << " x " << n << ", " << a_density << " and " << b_density);
     Csr a(m, k, a_density, seed);
     Csr b(n, k, b_density, seed + 1);
@@ -227,8 +247,7 @@ void expect_transposed_products(Int m, Int k, Int n, double a_density, double b_
     CsrOutput staged(m, n);
     staged.multiply(1, m, n, a, b);
     EXPECT_EQ(staged.row_ptr, c.row_ptr);
-    EXPECT_TRUE(std::all_of(staged.val.begin(), staged.val.end() - guard, [](double x) { return x == 0.0; }));
-    EXPECT_TRUE(std::all_of(staged.col_ind.begin(), staged.col_ind.end() - guard, [](Int x) { return x == 0; }));
+    staged.expect_from(0, 0);
     staged.multiply(2, m, n, a, b);
     staged.expect_product(expected);
 
@@ -240,37 +259,69 @@ void expect_transposed_products(Int m, Int k, Int n, double a_density, double b_
 
     std::for_each(a.val.begin(), a.val.end(), [](double& value) { value += 10; });
     expected = transposed_product(a, b);
-    for (const Int stage : {2, 0}) { // a refresh, then one call on arrays that hold a product
-        for (CsrOutput* output : {&c, &staged}) {
-            output->multiply(stage, m, n, a, b);
-            output->expect_product(expected);
-        }
+    qz_mkl_set_num_threads_int64(threads_of_refresh);
+    for (CsrOutput* output : {&c, &staged}) {
+        output->write_tail(5); // a refresh leaves it alone
+        output->multiply(2, m, n, a, b);
+        output->expect_product(expected, 5);
+        output->multiply(0, m, n, a, b);
+        output->expect_product(expected);
     }
 }
 
-void expect_transposed_products(const std::vector<std::tuple<Int, Int, Int, double, double>>& cases) {
-    for (const auto& [m, k, n, a_density, b_density] : cases) {
+// Small enough for memcheck. Each refresh runs on another number of threads than the product.
+TEST(TransposedProducts, SmallOnesAgreeWithPlainLoops) {
+    int threads = 1;
+    for (const auto& [m, k, n, a_density, b_density] : {std::tuple<Int, Int, Int, double, double>{1, 1, 1, 1.0, 1.0},
+                                                        {2, 3, 4, 1.0, 1.0},
+                                                        {40, 60, 30, 0.0, 0.1},
+                                                        {5, 300, 200, 0.5, 0.1},
+                                                        {200, 300, 5, 0.5, 0.01},
+                                                        {400, 500, 300, 0.05, 0.05}}) {
+        expect_transposed_products(m, k, n, a_density, b_density, 1, threads);
+        threads = threads % 3 + 1;
+    }
+}
+
+TEST(TransposedProducts, LargeOnesAgreeWithPlainLoops) {
+    for (const auto& [m, k, n, a_density, b_density] :
+         {std::tuple<Int, Int, Int, double, double>{700, 50, 600, 1.0, 1.0},
+          {900, 5000, 700, 1e-3, 1e-3},
+          {1500, 40, 1500, 1e-3, 1e-3},
+          {3000, 3000, 3000, 5e-4, 5e-4},
+          {3000, 3000, 3000, 2e-3, 2e-3},
+          {3000, 500, 3000, 0.02, 0.02}}) {
         expect_transposed_products(m, k, n, a_density, b_density);
     }
 }
 
-// Small enough for memcheck.
-TEST(TransposedProducts, SmallOnesAgreeWithPlainLoops) {
-    expect_transposed_products({{1, 1, 1, 1.0, 1.0},
-                                {2, 3, 4, 1.0, 1.0},
-                                {40, 60, 30, 0.0, 0.1},
-                                {5, 300, 200, 0.5, 0.1},
-                                {200, 300, 5, 0.5, 0.01},
-                                {400, 500, 300, 0.05, 0.05}});
-}
-
-TEST(TransposedProducts, LargeOnesAgreeWithPlainLoops) {
-    expect_transposed_products({{700, 50, 600, 1.0, 1.0},
-                                {900, 5000, 700, 1e-3, 1e-3},
-                                {1500, 40, 1500, 1e-3, 1e-3},
-                                {3000, 3000, 3000, 5e-4, 5e-4},
-                                {3000, 3000, 3000, 2e-3, 2e-3},
-                                {3000, 500, 3000, 0.02, 0.02}});
+// An output array that is null is skipped, and the others are written. Stage 2 needs all but the values.
+TEST(TransposedProducts, NullOutputs) {
+    Csr a(6, 5, 0.7, 1);
+    Csr b(7, 5, 0.7, 2);
+    const CsrOutput fresh(6, 7);
+    CsrOutput counted = fresh;
+    counted.multiply(1, 6, 7, a, b);
+    CsrOutput product = fresh;
+    product.multiply(0, 6, 7, a, b);
+    for (const auto& [stage, before, after] :
+         {std::tuple{0, &fresh, &product}, {1, &fresh, &counted}, {2, &counted, &product}, {2, &product, &product}}) {
+        for (const unsigned null : {1U, 2U, 4U, 7U}) {
+            SCOPED_TRACE(testing::Message() << "stage " << stage << ", null arrays " << null);
+            CsrOutput c = *before;
+            const auto unless = [&](unsigned bit, auto* array) { return (null & bit) != 0 ? nullptr : array; };
+            Int ignored = 0;
+            spgmatspgmattr_mkl_int64_new(stage, 6, 5, 7, a.val.data(), a.col_ind.data(), a.row_ptr.data(), b.val.data(),
+                                         b.col_ind.data(), b.row_ptr.data(), 0, unless(1, c.val.data()),
+                                         unless(2, c.col_ind.data()), unless(4, c.row_ptr.data()), ignored);
+            const auto expected = [&](unsigned bit, const auto& old, const auto& written) {
+                return (null & bit) != 0 || (stage == 2 && null != 1) ? old : written;
+            };
+            EXPECT_EQ(c.val, expected(1, before->val, after->val));
+            EXPECT_EQ(c.col_ind, expected(2, before->col_ind, after->col_ind));
+            EXPECT_EQ(c.row_ptr, expected(4, before->row_ptr, after->row_ptr));
+        }
+    }
 }
 
 // MKL refuses a B without entries, as it refuses a null handle.

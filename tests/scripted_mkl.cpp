@@ -39,7 +39,6 @@ sparse_status_t mkl_sparse_d_create_csr(Handle* handle, sparse_index_base_t base
     const auto wrap = mkl.wraps.front();
     mkl.wraps.pop_front();
     *handle = wrap.handle != nullptr ? wrap.handle : *handle;
-    run(mkl.on_create);
     return wrap.status;
 }
 
@@ -85,16 +84,11 @@ sparse_status_t mkl_sparse_d_export_csr(Handle handle, sparse_index_base_t* base
     *rows_start = writable<MKL_INT>(mkl.result.rows_start);
     *col_indx = writable<MKL_INT>(mkl.result.col_indx);
     *values = writable<double>(mkl.result.values);
-    run(mkl.on_export);
     return SPARSE_STATUS_SUCCESS;
 }
 
 void mkl_set_num_threads(int count) {
     record("threads", count);
-}
-
-void* mkl_serv_malloc(std::size_t /*size*/, int /*alignment*/) {
-    return mkl.next_block;
 }
 
 void mkl_serv_free(void* block) {

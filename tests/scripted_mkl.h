@@ -2,7 +2,6 @@
 
 #include <mkl_spblas.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -46,8 +45,7 @@ struct ScriptedMkl {
     sparse_matrix_t product_handle = nullptr; // put into the slot of sp2m unless null
     Export result;
     using Hook = std::function<void()>;
-    Hook on_create, on_product, on_export, on_destroy; // run within the call, at its end
-    void* next_block = nullptr;                        // what mkl_serv_malloc returns
+    Hook on_product, on_destroy; // run within the call, at its end
 
     std::vector<std::string> calls;
     std::vector<const void*> freed; // by mkl_serv_free, past the library's wrapper
@@ -55,5 +53,4 @@ struct ScriptedMkl {
 
 extern ScriptedMkl mkl;
 
-extern "C" void* mkl_serv_malloc(std::size_t size, int alignment);
 extern "C" void mkl_serv_free(void* block);

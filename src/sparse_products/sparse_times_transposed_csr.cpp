@@ -4,7 +4,7 @@
 #include "operand/product_constants.h"
 #include "operand/sparse_handle.h"
 #include "sparse_products/copy_csr.h"
-#include "sparse_products/mkl_memory.h"
+#include "sparse_products/lent_arrays.h"
 
 namespace csr_products {
 namespace {
@@ -28,27 +28,16 @@ sparse_request_t request_of(std::int64_t stage, const CsrOperand& c) noexcept {
     }
 }
 
-void copy_out(const ExportedCsr& product, const MklMemory& memory, const CsrOperand& c) noexcept {
-    if (product.rows_start == nullptr) {
-        return; // nothing was exported
-    }
-    const std::int64_t lent = dense_size(c);
-    copy_row_pointer(product.rows_start, product.rows, c.row_ptr);
-    copy_entries({product.col_indx, memory.elements_of(product.col_indx, lent)},
-                 {product.values, memory.elements_of(product.values, lent)}, c);
-}
-
 // Kept on purpose: no wrap is examined, and MKL gets the handles as they are.
 void multiply(std::int64_t stage, const CsrOperand& a, const CsrOperand& b, const CsrOperand& c) noexcept {
-    MklMemory memory(c); // before the handles, so that it is destroyed after them
+    const LentArrays lent(c); // before the handles, so that it is destroyed after them
     const SparseHandle a_handle(a);
     const SparseHandle b_handle(b);
     SparseHandle product(c);
-    memory.watch();
     // Kept on purpose: when MKL puts a handle of its own into the slot, the wrapped output is lost.
     mkl_sparse_sp2m(NonTranspose, GeneralLower, a_handle.get(), Transpose, GeneralLower, b_handle.get(),
                     request_of(stage, c), product.slot());
-    copy_out(export_csr(product, c), memory, c);
+    copy_csr(export_csr(product, c), c);
 }
 
 } // namespace

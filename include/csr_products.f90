@@ -1,6 +1,8 @@
 !> The functions of csr_products.h for hosts in Fortran. Shapes, failures and warnings stand there and
 !> hold here: a sparse operand is val, col_ind, row_ptr, one-based; dense ones are column-major, and a
 !> matrix of two dimensions may be passed as it is.
+!> Warning: a column stands at most once in a row of any operand. Otherwise values are wrong, and the
+!> products of two sparse matrices corrupt the process's memory.
 module csr_products
   use, intrinsic :: iso_c_binding, only: ip => c_int64_t, dp => c_double, ci => c_int
   implicit none
@@ -59,8 +61,8 @@ module csr_products
       integer(ip), value :: ldb, m, k, n, ldc
       real(dp), intent(inout) :: c(*)
     end subroutine
-    !> C := A^T*B, and the same with A symmetric. Warning: correct only when m = k or n = 1, and for the
-    !> first only without duplicates: the leading dimensions are k for B and m for C.
+    !> C := A^T*B, and the same with A symmetric. Warning: correct only when m = k or n = 1: the leading
+    !> dimensions are k for B and m for C.
     subroutine spgmattrgmat_mkl_G_int64(val, col_ind, row_ptr, b, m, k, n, c) &
         bind(C, name="_Z24spgmattrgmat_mkl_G_int64PdPlS0_S_lllS_")
       import :: ip, dp
@@ -94,7 +96,7 @@ module csr_products
       integer(ip), value :: m, k
       real(dp), intent(inout) :: y(*)
     end subroutine
-    !> C := A*B^T, dense. A is m x k, B is n x k, both sparse. Warning: no duplicates.
+    !> C := A*B^T, dense. A is m x k, B is n x k, both sparse.
     subroutine spgmatspgmattr_gmat_mkl_int64_new(m, k, n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr, c) &
         bind(C, name="_Z33spgmatspgmattr_gmat_mkl_int64_newlllPdPlS0_S_S0_S0_S_")
       import :: ip, dp
@@ -104,8 +106,8 @@ module csr_products
       real(dp), intent(inout) :: c(*)
     end subroutine
     !> C := A*B^T, one-based CSR: stage 0 in one call, 1 a count, 2 its finish or a refresh of the values.
-    !> c_val and c_col_ind hold m*n elements each. Warning: no duplicates. A refresh takes the column numbers
-    !> that stand in c_col_ind unchecked.
+    !> c_val and c_col_ind hold m*n elements each. Warning: a refresh takes c_col_ind and c_row_ptr
+    !> unchecked: they must stand as a product left them, in that order.
     subroutine spgmatspgmattr_mkl_int64_new(stage, m, k, n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr, &
         ignored_count, c_val, c_col_ind, c_row_ptr, ignored_result) &
         bind(C, name="_Z28spgmatspgmattr_mkl_int64_newllllPdPlS0_S_S0_S0_lS_S0_S0_Rl")

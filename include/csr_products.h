@@ -11,8 +11,9 @@
 /// **Dense operand.** Column-major doubles. Element (i, j) of an array with leading dimension ld
 /// is at i + j*ld, counted from 0.
 ///
-/// **Columns.** The column numbers of a row may stand in any order. A column may stand twice in a row
-/// only where a function says that it sums duplicates.
+/// **Columns.** The column numbers of a row may stand in any order. A column stands at most once in a row.
+/// @warning A column that stands twice in a row of any operand gives wrong values. In the products of two
+/// sparse matrices it corrupts the process's memory.
 ///
 /// **Ownership.** The caller owns every array. Operands are read and never written, so a const array
 /// may be passed through a const_cast. An output must not overlap an operand. Nothing that is
@@ -20,6 +21,9 @@
 ///
 /// **Threads.** Calls with different outputs may run at the same time. A call needs at most 64 KB of
 /// stack. It may change `errno`. The child of a fork may call, whether the parent has called or not.
+///
+/// **Floating-point exceptions.** MKL may raise them on the way to a right result. A host that traps them
+/// disables the traps around each call (`feholdexcept`, `fesetenv`).
 ///
 /// **Failure.** Nothing is reported, by contract: no status, no exception, no output. An operand
 /// cannot be wrapped as an MKL handle when one of its dimensions is <= 0, or when its `col_ind` or
@@ -40,9 +44,9 @@
 
 /// @name Sparse times dense matrix
 ///
-/// A is m x k and sparse. `_G` reads A as it stands. `_S` treats A as symmetric (m = k): it reads only
-/// the entries on and above the diagonal, and mirrors them. Those below may be stored or not. All
-/// functions but spgmattrgmat_mkl_G_int64() sum duplicates.
+/// A is m x k and sparse. `_G` takes A as it stands. `_S` treats A as symmetric (m = k): it uses the
+/// entries on and above the diagonal, and mirrors them. Those below may be stored or not. They may be
+/// read, but they never reach the result, even where they are NaN.
 ///
 /// The short forms imply the leading dimensions k for B and m for C. The long forms take `ldb` >= k
 /// and `ldc` >= m. B holds ldb*n elements, C holds ldc*n. MKL does not check leading dimensions.
@@ -96,7 +100,6 @@ void spgmatgmatsum_mkl_S_int64(double* const val, std::int64_t* const col_ind, s
 /// and k. They are correct only when m = k or n = 1. Otherwise the columns of C overlap (m < k), or
 /// those of B do (m > k). For a rectangular A and n > 1, pass A as square: s = max(m, k) instead of m
 /// and k, a `row_ptr` of s + 1 elements padded with its last one, and B and C with s rows.
-/// @warning A column that stands twice in a row of A gives wrong values.
 /// Symbol: `_Z24spgmattrgmat_mkl_G_int64PdPlS0_S_lllS_`
 void spgmattrgmat_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
                               double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
@@ -112,7 +115,7 @@ void spgmattrgmat_mkl_S_int64(double* const val, std::int64_t* const col_ind, st
 
 /// @name Sparse times vector
 ///
-/// A is m x k and sparse, `x` holds k elements, `y` holds m. Duplicates are summed.
+/// A is m x k and sparse, `x` holds k elements, `y` holds m.
 ///
 /// **A failed wrap** sets the first m*k elements of `y` to 0.0, in the accumulating function too.
 /// That is A's shape and not y's length, so it reaches past y unless k is 1. The product m*k is taken
@@ -134,8 +137,7 @@ void spgmatgvecsum_mkl_G_int64(double* const val, std::int64_t* const col_ind, s
 /// @name Sparse times transposed sparse
 ///
 /// A is m x k, B is n x k, both sparse; C is m x n.
-/// @warning A column that stands twice in a row of A or B gives wrong values. In the CSR result,
-/// `c_row_ptr` may then count more than m*n entries.
+/// @warning A column that stands twice in a row of A or B corrupts the process's memory.
 /// @{
 
 /// C := A*B^T, dense. `c`: m x n, column-major, leading dimension m, overwritten.
@@ -166,11 +168,11 @@ void spgmatspgmattr_gmat_mkl_int64_new(std::int64_t m, std::int64_t k, std::int6
 ///     row pointer, the column numbers and the elements behind the stored entries stay as they were.
 ///
 /// Stage 2 recognises the arrays that a count left by c_row_ptr[0] = 1 and c_col_ind[0] = 0. On any
-/// other arrays it refreshes the values: it computes them for the column numbers and the row pointer
-/// that stand there, in that order. Those must come from a product of operands with the same
-/// structure; only the operands' values may have changed.
+/// other arrays it refreshes the values. `c_col_ind` and `c_row_ptr` must then stand as a product of
+/// operands with the same structure left them, in that order; only the operands' values may have
+/// changed. A host that wants sorted columns sorts a copy, values and columns together.
 /// @warning MKL does not check the column numbers of a refresh. Others than those of such a product
-/// corrupt the process's memory.
+/// corrupt the process's memory, and the same ones in another order may get one another's values.
 ///
 /// Each call that computes the structure of C leaves one MKL handle behind, about 17 KB: stages 0 and
 /// 1, and stage 2 after a count. A refresh leaves none.

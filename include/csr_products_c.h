@@ -1,6 +1,8 @@
 /// @file
 /// The functions of csr_products.h for hosts in C. Shapes, failures and warnings stand there and hold
 /// here: a sparse operand is `val`, `col_ind`, `row_ptr`, one-based; dense ones are column-major.
+/// @warning A column stands at most once in a row of any operand. Otherwise values are wrong, and the
+/// products of two sparse matrices corrupt the process's memory.
 /// Each declaration is bound to a symbol of the library by an assembler label (GCC, Clang).
 
 #pragma once
@@ -34,8 +36,8 @@ void spgmatgmatsum_mkl_S_int64(const double* val, const int64_t* col_ind, const 
     int64_t ldb, int64_t m, int64_t k, int64_t n, double* c, int64_t ldc)
     __asm__("_Z25spgmatgmatsum_mkl_S_int64PdPlS0_S_llllS_l");
 
-/// C := A^T*B, and the same with A symmetric. @warning Correct only when m = k or n = 1, and for the
-/// first only without duplicates: the leading dimensions are k for B and m for C.
+/// C := A^T*B, and the same with A symmetric. @warning Correct only when m = k or n = 1: the leading
+/// dimensions are k for B and m for C.
 void spgmattrgmat_mkl_G_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
     int64_t m, int64_t k, int64_t n, double* c) __asm__("_Z24spgmattrgmat_mkl_G_int64PdPlS0_S_lllS_");
 void spgmattrgmat_mkl_S_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
@@ -47,15 +49,15 @@ void spgmatgvec_mkl_G_int64(const double* val, const int64_t* col_ind, const int
 void spgmatgvecsum_mkl_G_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* x,
     int64_t m, int64_t k, double* y) __asm__("_Z25spgmatgvecsum_mkl_G_int64PdPlS0_S_llS_");
 
-/// C := A*B^T, dense. A is m x k, B is n x k, both sparse. @warning No duplicates.
+/// C := A*B^T, dense. A is m x k, B is n x k, both sparse.
 void spgmatspgmattr_gmat_mkl_int64_new(int64_t m, int64_t k, int64_t n,
     const double* a_val, const int64_t* a_col_ind, const int64_t* a_row_ptr,
     const double* b_val, const int64_t* b_col_ind, const int64_t* b_row_ptr,
     double* c) __asm__("_Z33spgmatspgmattr_gmat_mkl_int64_newlllPdPlS0_S_S0_S0_S_");
 
 /// C := A*B^T, one-based CSR: `stage` 0 in one call, 1 a count, 2 its finish or a refresh of the values.
-/// `c_val` and `c_col_ind` hold m*n elements each. @warning No duplicates. A refresh takes the column
-/// numbers that stand in `c_col_ind` unchecked.
+/// `c_val` and `c_col_ind` hold m*n elements each. @warning A refresh takes `c_col_ind` and `c_row_ptr`
+/// unchecked: they must stand as a product left them, in that order.
 void spgmatspgmattr_mkl_int64_new(int64_t stage, int64_t m, int64_t k, int64_t n,
     const double* a_val, const int64_t* a_col_ind, const int64_t* a_row_ptr,
     const double* b_val, const int64_t* b_col_ind, const int64_t* b_row_ptr,

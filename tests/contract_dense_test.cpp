@@ -10,8 +10,9 @@
 
 namespace {
 
-constexpr Int ldb = 9;
-constexpr Int ldc = 8;
+constexpr Int two_to_32 = Int{1} << 32;
+constexpr Int ldb = two_to_32 + 9;
+constexpr Int ldc = two_to_32 + 8;
 constexpr double untouched = -7.25;
 
 double val[1];
@@ -41,10 +42,10 @@ void expect_cleared(Int count) {
 }
 
 TEST(DenseContract, WrappedOperandGoesIntoOneProduct) {
-    constexpr Int m = 3;
-    constexpr Int k = 4;
+    constexpr Int m = two_to_32 + 3;
+    constexpr Int k = two_to_32 + 4;
     for (const DenseEntry& e : dense_entries) {
-        for (const Int n : {2, 1, 0, -1}) {
+        for (const Int n : {two_to_32 + 2, Int{1}, Int{0}, Int{-1}}) {
             const auto product_status = n < 1 ? SPARSE_STATUS_INVALID_VALUE : SPARSE_STATUS_SUCCESS;
             SCOPED_TRACE(call_text(e.name, "columns", n));
             mkl.product_status = product_status;
@@ -65,18 +66,15 @@ TEST(DenseContract, FailedWrapClearsTheOperandsShape) {
         for (int status = SPARSE_STATUS_NOT_INITIALIZED; status <= SPARSE_STATUS_NOT_SUPPORTED; ++status) {
             for (const sparse_matrix_t left : {sparse_matrix_t{}, handle}) {
                 SCOPED_TRACE(call_text(e.name, "status", status, "handle", left));
-                for (const Int n : {2, 0}) {
-                    run(e, {static_cast<sparse_status_t>(status), left}, 3, 4, n);
-                    EXPECT_EQ(mkl.calls, (std::vector{create(3, 4), call_text("destroy", left)}));
-                    expect_cleared(12);
-                }
+                run(e, {static_cast<sparse_status_t>(status), left}, 3, 4);
+                EXPECT_EQ(mkl.calls, (std::vector{create(3, 4), call_text("destroy", left)}));
+                expect_cleared(12);
             }
         }
     }
 }
 
 TEST(DenseContract, ClearedCountIsAProductModulo2To64) {
-    constexpr Int two_to_32 = Int{1} << 32;
     constexpr Int two_to_62 = Int{1} << 62;
     const Int shapes[][3] = {{3, 3, 9},
                              {4, 1, 4},

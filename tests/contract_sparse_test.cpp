@@ -14,8 +14,9 @@ namespace {
 
 using Int = std::int64_t;
 
+constexpr Int two_to_32 = Int{1} << 32;
 constexpr Int m = 3;
-constexpr Int k = 4;
+constexpr Int k = 4 + two_to_32; // dimensions beyond 32 bits
 constexpr Int n = 5;
 constexpr Int guard = 8; // elements behind every output
 constexpr Int untouched = -77;
@@ -87,12 +88,13 @@ TEST(SparseContract, DenseResultCallByCall) {
             const auto handles = script_wraps(failing, null);
             mkl.product_status = failing != 0 ? SPARSE_STATUS_NOT_INITIALIZED : SPARSE_STATUS_SUCCESS;
             std::vector<double> c(m * n + guard, untouched);
-            spgmatspgmattr_gmat_mkl_int64_new(m, k, n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr,
-                                              c.data());
-            const std::vector<std::string> expected{
-                create(m, k, a_val, a_col_ind, a_row_ptr), create(n, k, b_val, b_col_ind, b_row_ptr),
-                call_text("sp2md", 10, "20/40/50", handles[0], 11, "20/40/50", handles[1], 1, 0, c.data(), 102, m),
-                call_text("destroy", handles[1]), call_text("destroy", handles[0])};
+            spgmatspgmattr_gmat_mkl_int64_new(two_to_32 + m, k, two_to_32 + n, a_val, a_col_ind, a_row_ptr, b_val,
+                                              b_col_ind, b_row_ptr, c.data());
+            const std::vector<std::string> expected{create(two_to_32 + m, k, a_val, a_col_ind, a_row_ptr),
+                                                    create(two_to_32 + n, k, b_val, b_col_ind, b_row_ptr),
+                                                    call_text("sp2md", 10, "20/40/50", handles[0], 11, "20/40/50",
+                                                              handles[1], 1, 0, c.data(), 102, two_to_32 + m),
+                                                    call_text("destroy", handles[1]), call_text("destroy", handles[0])};
             EXPECT_EQ(mkl.calls, expected);
             expect_untouched(c);
         }
@@ -100,7 +102,8 @@ TEST(SparseContract, DenseResultCallByCall) {
 }
 
 TEST(SparseContract, CsrResultCallByCall) {
-    const Int two_to_32 = Int{1} << 32;
+    constexpr Int rows = two_to_32 + m;
+    constexpr Int columns = two_to_32 + n;
     for (const Int stage : {Int{0}, Int{1}, Int{2}, Int{3}, Int{-1}, two_to_32 + 1, two_to_32 + 2, INT64_MIN + 1}) {
         const int request = stage == 1 ? 91 : stage == 2 ? 92 : 90;
         for (unsigned failing = 0; failing < 8; ++failing) {
@@ -111,13 +114,13 @@ TEST(SparseContract, CsrResultCallByCall) {
                 mkl.product_status = replaced ? SPARSE_STATUS_SUCCESS : SPARSE_STATUS_INTERNAL_ERROR;
                 const sparse_matrix_t slot = replaced ? new_handle : handles[2];
                 CsrOutput c;
-                c.multiply(stage);
+                c.multiply(stage, rows, columns);
                 const std::vector<std::string> expected{
-                    create(m, k, a_val, a_col_ind, a_row_ptr),
-                    create(n, k, b_val, b_col_ind, b_row_ptr),
-                    create(m, n, c.val.data(), c.col_ind.data(), c.row_ptr.data()),
+                    create(rows, k, a_val, a_col_ind, a_row_ptr),
+                    create(columns, k, b_val, b_col_ind, b_row_ptr),
+                    create(rows, columns, c.val.data(), c.col_ind.data(), c.row_ptr.data()),
                     call_text("sp2m", 10, "20/40/50", handles[0], 11, "20/40/50", handles[1], request, handles[2]),
-                    call_text("export", slot, 1, m, n, 0, 0, 0, 0),
+                    call_text("export", slot, 1, rows, columns, 0, 0, 0, 0),
                     call_text("destroy", slot),
                     call_text("destroy", handles[1]),
                     call_text("destroy", handles[0])};
@@ -162,7 +165,7 @@ TEST(SparseContract, CopyRunsOverMTimesNAndIsZeroBeyondTheStoredEntries) {
         Int row_pointers, entries, written;
     } cases[] = {{3, 5, 3, 15, 4, 15, 15},       {3, 5, 3, 16, 4, 15, 15}, // more than the output has room for
                  {3, 5, 3, -2, 4, 0, 15},        {70, 70, 9, 4893, 10, 4893, 4900},
-                 {2, 70, 5000, 7, 5001, 7, 140}, {3, 5, -1, 15, 0, 0, 0}, // no row pointer
+                 {2, 70, 5000, 7, 5001, 7, 140}, {3, 5, -1, 15, 0, 0, 0}, // no rows
                  {0, 5, 0, 0, 1, 0, 0},          {-3, 5, 3, 15, 4, 0, 0},
                  {-3, -5, 3, 15, 4, 15, 15},     {two_to_62 + 3, 4, 3, 15, 4, 12, 12}};
     for (const auto& t : cases) {
@@ -174,19 +177,24 @@ TEST(SparseContract, CopyRunsOverMTimesNAndIsZeroBeyondTheStoredEntries) {
         rows_start.back() = rows_start.front() + t.stored;
         std::iota(col_indx.begin(), col_indx.end(), 1);
         std::iota(values.begin(), values.end(), 1.0);
-        for (const std::string_view null : {"", "val", "col_ind", "row_ptr", "exported col_indx", "exported values"}) {
+        for (const std::string_view null : {"", "val", "col_ind", "row_ptr", "rows_start", "col_indx", "values"}) {
             SCOPED_TRACE(call_text("m n rows stored", t.m, t.n, t.rows, t.stored, "null", null));
+            const auto unless_null = [&](std::string_view name, Int count) { return null == name ? 0 : count; };
+            const auto exported = [&](std::string_view name, const void* array) {
+                return null == name ? nullptr : array;
+            };
             script_wraps(0, false);
-            mkl.result = {t.rows, t.rows < 0 ? nullptr : rows_start.data(),
-                          null == "exported col_indx" ? nullptr : col_indx.data(),
-                          null == "exported values" ? nullptr : values.data()};
+            mkl.result = {t.rows, exported("rows_start", rows_start.data()), exported("col_indx", col_indx.data()),
+                          exported("values", values.data())};
             CsrOutput c(t.written, t.row_pointers);
             c.multiply(0, t.m, t.n, null);
-            const auto unless = [&](std::string_view name, Int count) { return null == name ? 0 : count; };
-            const Int entries = null.substr(0, 8) == "exported" ? 0 : t.entries;
-            expect_copied(c.row_ptr, rows_start, unless("row_ptr", t.row_pointers), unless("row_ptr", t.row_pointers));
-            expect_copied(c.col_ind, col_indx, unless("col_ind", entries), unless("col_ind", t.written));
-            expect_copied(c.val, values, unless("val", entries), unless("val", t.written));
+            const Int row_pointers = unless_null("rows_start", unless_null("row_ptr", t.row_pointers));
+            const Int entries = unless_null("col_indx", unless_null("values", t.entries));
+            const Int written = unless_null("rows_start", t.written);
+            expect_copied(c.row_ptr, rows_start, row_pointers, row_pointers);
+            expect_copied(c.col_ind, col_indx, unless_null("col_ind", std::min(entries, written)),
+                          unless_null("col_ind", written));
+            expect_copied(c.val, values, unless_null("val", std::min(entries, written)), unless_null("val", written));
         }
     }
 }

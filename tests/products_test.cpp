@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cfenv>
 #include <cmath>
 #include <filesystem>
 #include <limits>
@@ -127,6 +128,18 @@ TEST(DenseProducts, AgreeWithPlainLoops) {
                 expect_dense_products(Csr(m, k, density, 2), n);
             }
         }
+    }
+}
+
+// MKL computes 0/0 where a matrix has fewer rows than there are threads.
+TEST(DenseProducts, TrapsDisabledAroundACall) {
+    feenableexcept(FE_DIVBYZERO | FE_INVALID | FE_OVERFLOW);
+    for (const Int n : {1, 5}) {
+        fenv_t with_traps;
+        feholdexcept(&with_traps);
+        expect_dense_products(Csr(1, 1, 1.0, 1), n);
+        expect_dense_products(Csr(50, 50, 0.3, 1), n);
+        fesetenv(&with_traps);
     }
 }
 

@@ -3,41 +3,69 @@
 #   MklIlp64::headers   the C headers, with MKL_INT 64 bits wide
 #   MklIlp64::MklIlp64  the three archives and the OpenMP runtime that the threaded layer calls
 #
-# MklIlp64_OPENMP_LIBRARY is that runtime. MklIlp64_LICENCE_NOTICE is the file with MKL's copyright
-# notices and terms, where there is one.
+# MklIlp64_OPENMP_LIBRARY is that runtime. MklIlp64_LICENCE_NOTICES are the files with MKL's copyright notices
+# and terms.
 #
-# MKLROOT, as a variable or in the environment, names an installation, and only that one is then used.
-# CMPLR_ROOT names the installation of Intel's compiler, which brings an OpenMP runtime.
+# MKLROOT, as a variable or else in the environment, names an installation, and only that one is then used. Each
+# configuration looks at it anew. CMPLR_ROOT names the installation of Intel's compiler, which brings an OpenMP
+# runtime.
 
-if(NOT MKLROOT AND DEFINED ENV{MKLROOT})
-    set(MKLROOT $ENV{MKLROOT})
+set(mkl_root "${MKLROOT}")
+if(NOT mkl_root)
+    set(mkl_root "$ENV{MKLROOT}")
 endif()
-if(MKLROOT)
-    find_path(MklIlp64_INCLUDE_DIR mkl_spblas.h PATHS ${MKLROOT}/include NO_DEFAULT_PATH)
+if(mkl_root)
+    get_filename_component(mkl_root "${mkl_root}" ABSOLUTE BASE_DIR "$ENV{PWD}")
+endif()
+if(NOT "${mkl_root}" STREQUAL "${MklIlp64_LAST_MKLROOT}")
+    foreach(found IN ITEMS INCLUDE_DIR intel_ilp64_ARCHIVE intel_thread_ARCHIVE core_ARCHIVE OPENMP_LIBRARY)
+        unset(MklIlp64_${found} CACHE)
+    endforeach()
+endif()
+set(MklIlp64_LAST_MKLROOT "${mkl_root}" CACHE INTERNAL "the MKLROOT of the last configuration")
+
+if(mkl_root)
+    find_path(MklIlp64_INCLUDE_DIR mkl_spblas.h PATHS ${mkl_root}/include NO_DEFAULT_PATH)
 else()
     find_path(MklIlp64_INCLUDE_DIR mkl_spblas.h PATH_SUFFIXES mkl)
 endif()
 
 # The archives of one installation do not fit the headers of another.
-string(REGEX REPLACE "/include(/mkl)?/?$" "" MKL_ROOT_OF_HEADERS "${MklIlp64_INCLUDE_DIR}")
-set(MKL_LIBRARY_DIRS lib/intel64 lib/${CMAKE_LIBRARY_ARCHITECTURE} lib)
+string(REGEX REPLACE "/include(/mkl)?/?$" "" mkl_prefix "${MklIlp64_INCLUDE_DIR}")
+set(mkl_library_dirs lib/intel64 lib/${CMAKE_LIBRARY_ARCHITECTURE} lib)
 foreach(part IN ITEMS intel_ilp64 intel_thread core)
     find_library(MklIlp64_${part}_ARCHIVE libmkl_${part}.a
-        PATHS ${MKL_ROOT_OF_HEADERS} PATH_SUFFIXES ${MKL_LIBRARY_DIRS} NO_DEFAULT_PATH)
+        PATHS ${mkl_prefix} PATH_SUFFIXES ${mkl_library_dirs} NO_DEFAULT_PATH)
 endforeach()
 
 find_library(MklIlp64_OPENMP_LIBRARY NAMES iomp5 omp5 omp
-    HINTS ${MKL_ROOT_OF_HEADERS} ${CMPLR_ROOT} ENV CMPLR_ROOT
-    PATH_SUFFIXES ${MKL_LIBRARY_DIRS} linux/compiler/lib/intel64_lin)
-find_file(MklIlp64_LICENCE_NOTICE NAMES share/doc/libmkl-dev/copyright licensing/license.txt
-    PATHS ${MKL_ROOT_OF_HEADERS} NO_DEFAULT_PATH)
+    HINTS ${mkl_prefix} ${CMPLR_ROOT} ENV CMPLR_ROOT
+    PATH_SUFFIXES ${mkl_library_dirs} linux/compiler/lib/intel64_lin)
 mark_as_advanced(MklIlp64_INCLUDE_DIR MklIlp64_intel_ilp64_ARCHIVE MklIlp64_intel_thread_ARCHIVE
-    MklIlp64_core_ARCHIVE MklIlp64_OPENMP_LIBRARY MklIlp64_LICENCE_NOTICE)
+    MklIlp64_core_ARCHIVE MklIlp64_OPENMP_LIBRARY)
 
+# Where Debian's package, Intel's installer before and after 2024, and PyPI's package have them.
+file(GLOB MklIlp64_LICENCE_NOTICES
+    ${mkl_prefix}/share/doc/libmkl-dev/copyright
+    ${mkl_prefix}/licensing/*.txt
+    ${mkl_prefix}/share/doc/mkl/licensing/*.txt
+    ${mkl_prefix}/lib/python3*/site-packages/mkl_static-*.dist-info/LICENSE.txt)
+
+# The release as Intel names it: 2020.4, 2026.2.0.
 if(EXISTS ${MklIlp64_INCLUDE_DIR}/mkl_version.h)
-    file(STRINGS ${MklIlp64_INCLUDE_DIR}/mkl_version.h MKL_VERSION_LINES REGEX "#define __INTEL_MKL_*(_MINOR__|_UPDATE__|__) ")
-    string(REGEX REPLACE "[^0-9;]" "" MklIlp64_VERSION "${MKL_VERSION_LINES}")
+    file(READ ${MklIlp64_INCLUDE_DIR}/mkl_version.h mkl_version_header)
+    set(MklIlp64_VERSION "")
+    foreach(macro IN ITEMS __INTEL_MKL__ __INTEL_MKL_UPDATE__ __INTEL_MKL_PATCH__)
+        if(mkl_version_header MATCHES "#define ${macro} +([0-9]+)")
+            list(APPEND MklIlp64_VERSION ${CMAKE_MATCH_1})
+        endif()
+    endforeach()
     list(JOIN MklIlp64_VERSION "." MklIlp64_VERSION)
+endif()
+
+set(mkl_reason "install libmkl-dev (Debian non-free) and libomp-dev, or set MKLROOT")
+if(mkl_root)
+    set(mkl_reason "MKLROOT is ${mkl_root}: that must hold include/mkl_spblas.h, and the static libraries in lib")
 endif()
 
 include(FindPackageHandleStandardArgs)
@@ -45,7 +73,12 @@ find_package_handle_standard_args(MklIlp64
     REQUIRED_VARS MklIlp64_INCLUDE_DIR MklIlp64_intel_ilp64_ARCHIVE MklIlp64_intel_thread_ARCHIVE
         MklIlp64_core_ARCHIVE MklIlp64_OPENMP_LIBRARY
     VERSION_VAR MklIlp64_VERSION
-    REASON_FAILURE_MESSAGE "install libmkl-dev (Debian non-free) and libomp-dev, or set MKLROOT")
+    REASON_FAILURE_MESSAGE "${mkl_reason}")
+
+if(MklIlp64_VERSION MATCHES "^2022\\.0\\.")
+    message(WARNING "oneMKL ${MklIlp64_VERSION} ends a process with MKL_ENABLE_INSTRUCTIONS=SSE4_2 in its first "
+        "product, without a message. Other releases do not.")
+endif()
 
 if(MklIlp64_FOUND AND NOT TARGET MklIlp64::MklIlp64)
     find_package(Threads REQUIRED)

@@ -1,6 +1,10 @@
 #include "direct_mkl.h"
 
+#include <mkl_service.h>
+
 #include <cstring>
+#include <dlfcn.h>
+#include <filesystem>
 
 namespace direct {
 
@@ -17,6 +21,15 @@ sparse_matrix_t wrap(const CsrOperand& a) {
 }
 
 } // namespace
+
+std::string environment() {
+    MKLVersion version;
+    mkl_get_version(&version);
+    Dl_info runtime{};
+    dladdr(dlsym(RTLD_DEFAULT, "__kmpc_fork_call"), &runtime);
+    return "oneMKL " MKL_RELEASE ", \"" + std::string(version.Processor) + "\", " +
+           std::filesystem::canonical(runtime.dli_fname).filename().string();
+}
 
 void multiply_vector(const CsrOperand& a, const double* x, double beta, double* y) {
     sparse_matrix_t handle = wrap(a);

@@ -3,12 +3,17 @@
 #include "operand/csr_operand.h"
 #include "operand/product_constants.h"
 
+#include <string>
+
 // The products by direct calls of MKL, as a host without the library would make them. The results are
 // the same; the calls are those of the entries.
 namespace direct {
 
 using csr_products::CsrOperand;
 using csr_products::DescriptorPreset;
+
+// What runs: the release of MKL, the processors that its kernels are for, and the OpenMP runtime.
+std::string environment();
 
 // y := A*x + beta*y
 void multiply_vector(const CsrOperand& a, const double* x, double beta, double* y);

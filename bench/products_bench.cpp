@@ -2,6 +2,7 @@
 // limits. Names are product/matrix/columns/threads/contender.
 
 #include "contenders.h"
+#include "direct_mkl.h"
 #include "matrices.h"
 #include "matrix_source.h"
 
@@ -109,6 +110,7 @@ void add_limits() {
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv); // leaves what is not its own
+    benchmark::AddCustomContext("environment", direct::environment());
     const bool quick = argc == 2 && std::strcmp(argv[1], "--quick") == 0;
     if (!quick && benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;

@@ -62,6 +62,7 @@ if(EXISTS ${MklIlp64_INCLUDE_DIR}/mkl_version.h)
     endforeach()
     list(JOIN MklIlp64_VERSION "." MklIlp64_VERSION)
 endif()
+set(MklIlp64_RELEASE "${MklIlp64_VERSION}" CACHE INTERNAL "for scripts that ask a build what it was built on")
 
 set(mkl_reason "install libmkl-dev (Debian non-free) and libomp-dev, or set MKLROOT")
 if(mkl_root)

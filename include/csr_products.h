@@ -174,8 +174,9 @@ void spgmatspgmattr_gmat_mkl_int64_new(std::int64_t m, std::int64_t k, std::int6
 /// @warning MKL does not check the column numbers of a refresh. Others than those of such a product
 /// corrupt the process's memory, and the same ones in another order may get one another's values.
 ///
-/// Each call that computes the structure of C leaves one MKL handle behind, about 17 KB: stages 0 and
-/// 1, and stage 2 after a count. A refresh leaves none.
+/// Each call that computes the structure of C leaves one MKL handle behind: stages 0 and 1, and stage 2
+/// after a count. With some releases of MKL a product that MKL refuses leaves one too. A refresh leaves
+/// none. A handle takes 17 to 26 KB, by the release.
 ///
 /// **A failed wrap** of A or B leaves the outputs as they were, and so does a B without any stored
 /// entry, which MKL refuses.

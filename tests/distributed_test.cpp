@@ -82,8 +82,11 @@ void expect_products(DistributedOperator& op, Mat aij, const EigenMatrix& a) {
     Vec z = nullptr;
     check(MatCreateVecs(aij, &x, &y));
     check(VecDuplicate(y, &z));
-    set(x, x_all);
     set(y, y_all);
+    check(VecSet(x, nan));
+    check(MatMultTranspose(op.shell(), y, x));
+    expect(x, a.transpose() * y_all, "A^T*x");
+    set(x, x_all);
     check(VecSet(z, nan));
     forget_ghosts();
     check(MatMult(op.shell(), x, z));
@@ -93,10 +96,6 @@ void expect_products(DistributedOperator& op, Mat aij, const EigenMatrix& a) {
     expect(z, a * x_all + y_all, "A*x + y");
     check(MatMultAdd(op.shell(), x, z, z));
     expect(z, 2 * (a * x_all) + y_all, "A*x + z, in place");
-    check(VecSet(x, nan));
-    forget_ghosts();
-    check(MatMultTranspose(op.shell(), y, x));
-    expect(x, a.transpose() * y_all, "A^T*x");
 
     for (Vec* each : {&x, &y, &z}) {
         check(VecDestroy(each));

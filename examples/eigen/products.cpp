@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <limits>
 
 namespace {
@@ -37,11 +38,23 @@ double median_milliseconds(Run run) {
     return median_milliseconds([] {}, run);
 }
 
+// The greatest difference relative to the greatest element, or none if sums of so many may overflow.
 template <class Result, class Expected>
-double relative_difference(const Result& result, const Expected& expected) {
+std::optional<double> relative_difference(const Result& result, const Expected& expected, double bound) {
+    if (!std::isfinite(bound)) {
+        return std::nullopt;
+    }
     const double greatest = expected.cwiseAbs().maxCoeff();
     const double difference = (result - expected).cwiseAbs().template maxCoeff<Eigen::PropagateNaN>();
     return greatest > 0 ? difference / greatest : difference;
+}
+
+// No sum of a product with numbers of at most 1 is greater.
+double bound_of_products(const EigenMatrix& a) {
+    const Eigen::VectorXd ones_of_rows = Eigen::VectorXd::Ones(a.rows());
+    const Eigen::VectorXd ones_of_cols = Eigen::VectorXd::Ones(a.cols());
+    const EigenMatrix sizes = a.cwiseAbs();
+    return 1 + std::max((sizes * ones_of_cols).maxCoeff(), (sizes.transpose() * ones_of_rows).maxCoeff());
 }
 
 std::string shape(Int m, Int k, Int n) {
@@ -61,7 +74,8 @@ void measure_dense_products(const HostMatrix& a, bool symmetric, const Started& 
     Int* const col_ind = a.col_ind();
     Int* const row_ptr = a.row_ptr();
     // Runs an entry on random operands of so many columns, and Eigen's product of the same kind beside it.
-    const auto measure = [&](const char* product, const char* entry, Int columns, Kind kind, auto call) {
+    const double bound = bound_of_products(a.eigen());
+    const auto measure = [&](const char* product, Int columns, Kind kind, auto call) {
         started(product);
         const bool transposed = kind == Kind::transposed;
         const MatrixXd b = MatrixXd::Random(transposed ? m : k, columns);
@@ -80,35 +94,35 @@ void measure_dense_products(const HostMatrix& a, bool symmetric, const Started& 
         const double milliseconds =
             median_milliseconds([&] { c = start; }, [&] { call(const_cast<double*>(b.data()), c.data()); });
         const double eigen_milliseconds = median_milliseconds([&] { expected = start; }, run_eigen);
-        table.push_back({product, entry, shape(start.rows(), b.rows(), columns), a.stored(), milliseconds,
-                         eigen_milliseconds, relative_difference(c, expected)});
+        table.push_back({product, shape(start.rows(), b.rows(), columns), a.stored(), milliseconds, eigen_milliseconds,
+                         relative_difference(c, expected, bound)});
     };
 
-    measure("A*x", "spgmatgvec_mkl_G_int64", 1, Kind::plain,
+    measure("A*x", 1, Kind::plain,
             [&](double* x, double* y) { spgmatgvec_mkl_G_int64(val, col_ind, row_ptr, x, m, k, y); });
-    measure("A*x + y", "spgmatgvecsum_mkl_G_int64", 1, Kind::accumulating,
+    measure("A*x + y", 1, Kind::accumulating,
             [&](double* x, double* y) { spgmatgvecsum_mkl_G_int64(val, col_ind, row_ptr, x, m, k, y); });
-    measure("A*B", "spgmatgmat_mkl_G_int64", n, Kind::plain,
+    measure("A*B", n, Kind::plain,
             [&](double* b, double* c) { spgmatgmat_mkl_G_int64(val, col_ind, row_ptr, b, m, k, n, c); });
-    measure("A*B, long", "spgmatgmat_mkl_G_int64", n, Kind::plain,
+    measure("A*B, long", n, Kind::plain,
             [&](double* b, double* c) { spgmatgmat_mkl_G_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m); });
-    measure("A*B + C", "spgmatgmatsum_mkl_G_int64", n, Kind::accumulating,
+    measure("A*B + C", n, Kind::accumulating,
             [&](double* b, double* c) { spgmatgmatsum_mkl_G_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m); });
     // The leading dimensions of the transposed entries fit a square matrix, or a single column.
     const Int transposed_columns = m == k ? n : 1;
-    measure("A^T*B", "spgmattrgmat_mkl_G_int64", transposed_columns, Kind::transposed, [&](double* b, double* c) {
+    measure("A^T*B", transposed_columns, Kind::transposed, [&](double* b, double* c) {
         spgmattrgmat_mkl_G_int64(val, col_ind, row_ptr, b, m, k, transposed_columns, c);
     });
     if (!symmetric) {
         return;
     }
-    measure("S*B", "spgmatgmat_mkl_S_int64", n, Kind::plain,
+    measure("S*B", n, Kind::plain,
             [&](double* b, double* c) { spgmatgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, n, c); });
-    measure("S*B, long", "spgmatgmat_mkl_S_int64", n, Kind::plain,
+    measure("S*B, long", n, Kind::plain,
             [&](double* b, double* c) { spgmatgmat_mkl_S_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m); });
-    measure("S*B, no sum", "spgmatgmatsum_mkl_S_int64", n, Kind::plain,
+    measure("S*B, no sum", n, Kind::plain,
             [&](double* b, double* c) { spgmatgmatsum_mkl_S_int64(val, col_ind, row_ptr, b, k, m, k, n, c, m); });
-    measure("S^T*B", "spgmattrgmat_mkl_S_int64", n, Kind::transposed,
+    measure("S^T*B", n, Kind::transposed,
             [&](double* b, double* c) { spgmattrgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, n, c); });
 }
 
@@ -150,7 +164,9 @@ void measure_transposed_products(const HostMatrix& matrix, const Started& starte
     started("A*A^T");
     const Int m = a.rows();
     const std::string slab = shape(m, a.cols(), m);
-    const char* const csr_entry = "spgmatspgmattr_mkl_int64_new";
+    // Of the sums, and of those that the refresh multiplies by nine.
+    const double bound =
+        9 * bound_of_products(a.eigen()) * Eigen::Map<const Eigen::VectorXd>(a.val(), a.stored()).cwiseAbs().maxCoeff();
 
     EigenMatrix expected;
     const double eigen_milliseconds =
@@ -164,29 +180,29 @@ void measure_transposed_products(const HostMatrix& matrix, const Started& starte
         spgmatspgmattr_gmat_mkl_int64_new(m, a.cols(), m, a.val(), a.col_ind(), a.row_ptr(), a.val(), a.col_ind(),
                                           a.row_ptr(), dense.data());
     });
-    table.push_back({"A*A^T dense", "spgmatspgmattr_gmat_mkl_int64_new", slab, m * m, dense_milliseconds,
-                     eigen_dense_milliseconds, relative_difference(dense, expected_dense)});
+    table.push_back({"A*A^T dense", slab, m * m, dense_milliseconds, eigen_dense_milliseconds,
+                     relative_difference(dense, expected_dense, bound)});
 
     CsrResult c(m);
     const double count_milliseconds = median_milliseconds([&] { c.multiply(1, a); });
     const auto expected_row_ptr =
         Eigen::Map<const Eigen::Matrix<Int, Eigen::Dynamic, 1>>(expected.outerIndexPtr(), m + 1);
     table.push_back(
-        {"A*A^T count", csr_entry, slab, c.stored(), count_milliseconds, none,
-         relative_difference(c.row_ptr.cast<double>(), (expected_row_ptr.array() + 1).matrix().cast<double>())});
+        {"A*A^T count", slab, c.stored(), count_milliseconds, none,
+         relative_difference(c.row_ptr.cast<double>(), (expected_row_ptr.array() + 1).matrix().cast<double>(), 0)});
 
     const double finish_milliseconds = median_milliseconds([&] { c.multiply(1, a); }, [&] { c.multiply(2, a); });
-    table.push_back({"A*A^T finish", csr_entry, slab, c.stored(), finish_milliseconds, eigen_milliseconds,
-                     relative_difference(c.dense(), expected_dense)});
+    table.push_back({"A*A^T finish", slab, c.stored(), finish_milliseconds, eigen_milliseconds,
+                     relative_difference(c.dense(), expected_dense, bound)});
 
     const double csr_milliseconds = median_milliseconds([&] { c.multiply(0, a); });
-    table.push_back({"A*A^T CSR", csr_entry, slab, c.stored(), csr_milliseconds, eigen_milliseconds,
-                     relative_difference(c.dense(), expected_dense)});
+    table.push_back({"A*A^T CSR", slab, c.stored(), csr_milliseconds, eigen_milliseconds,
+                     relative_difference(c.dense(), expected_dense, bound)});
 
     const HostMatrix changed(-3.0 * a.eigen()); // the same structure with other values
     const double refresh_milliseconds = median_milliseconds([&] { c.multiply(2, changed); });
-    table.push_back({"A*A^T refresh", csr_entry, slab, c.stored(), refresh_milliseconds, eigen_milliseconds,
-                     relative_difference(c.dense(), 9.0 * expected_dense)});
+    table.push_back({"A*A^T refresh", slab, c.stored(), refresh_milliseconds, eigen_milliseconds,
+                     relative_difference(c.dense(), 9.0 * expected_dense, bound)});
 }
 
 } // namespace

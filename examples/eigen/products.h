@@ -3,17 +3,17 @@
 #include "host_matrix.h"
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 struct Measurement {
     std::string product;
-    std::string entry;
     std::string shape;
     Int stored; // entries, of the sparse operand or of the sparse result
     double milliseconds;
-    double eigen_milliseconds; // NaN where Eigen has no such product
-    double difference;         // greatest absolute one, relative to the greatest element
+    double eigen_milliseconds;        // NaN where Eigen has no such product
+    std::optional<double> difference; // greatest one relative to the greatest element; none: the product may overflow
 };
 
 // Every product family once on a, each beside Eigen's own; `started` gets the name of each. The symmetric

@@ -146,7 +146,9 @@ void DistributedOperator::multiply(double* x, Int columns, Mode mode, double* y)
         check(PetscSFBcastEnd(exchange_, MPIU_SCALAR, x + j * own_.cols, ghost_values_.data() + j * ghost_count,
                               MPI_REPLACE));
     }
-    // Without ghosts there is no boundary row either, and these calls change nothing.
+    if (boundary_rows_.empty()) {
+        return;
+    }
     const auto each_boundary_element = [&](auto visit) {
         for (Int j = 0; j < columns; ++j) {
             for (Int i = 0; i < boundary_count; ++i) {
@@ -200,8 +202,10 @@ void DistributedOperator::multiply_transposed(Vec x, Vec y) {
         }
         std::transform(boundary_rows_.begin(), boundary_rows_.end(), boundary_.begin(),
                        [&](Int row) { return input[row]; });
-        spgmattrgmat_mkl_G_int64(ghost_.val, ghost_.col_ind.data(), ghost_.row_ptr.data(), boundary_.data(),
-                                 static_cast<Int>(boundary_rows_.size()), ghost_.cols, 1, ghost_values_.data());
+        if (!boundary_rows_.empty()) {
+            spgmattrgmat_mkl_G_int64(ghost_.val, ghost_.col_ind.data(), ghost_.row_ptr.data(), boundary_.data(),
+                                     static_cast<Int>(boundary_rows_.size()), ghost_.cols, 1, ghost_values_.data());
+        }
         check(PetscSFReduceBegin(exchange_, MPIU_SCALAR, ghost_values_.data(), output, MPIU_SUM));
         check(PetscSFReduceEnd(exchange_, MPIU_SCALAR, ghost_values_.data(), output, MPIU_SUM));
     });

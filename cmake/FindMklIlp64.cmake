@@ -100,3 +100,7 @@ if(MklIlp64_FOUND AND NOT TARGET MklIlp64::MklIlp64)
         $<LINK_GROUP:RESCAN,MklIlp64::intel_ilp64,MklIlp64::intel_thread,MklIlp64::core>
         ${MklIlp64_OPENMP_LIBRARY} Threads::Threads m ${CMAKE_DL_LIBS})
 endif()
+
+foreach(variable IN ITEMS mkl_root mkl_prefix mkl_library_dirs mkl_version_header mkl_reason)
+    unset(${variable})
+endforeach()

@@ -9,7 +9,7 @@ module csr_products
   private :: ip, dp, ci
 
   interface
-    !> C := A*B; _ld with leading dimensions. A is m x k, B is k x n.
+    !> C := A*B. A is m x k, B is k x n.
     subroutine spgmatgmat_mkl_G_int64(val, col_ind, row_ptr, b, m, k, n, c) &
         bind(C, name="_Z22spgmatgmat_mkl_G_int64PdPlS0_S_lllS_")
       import :: ip, dp
@@ -18,6 +18,7 @@ module csr_products
       integer(ip), value :: m, k, n
       real(dp), intent(inout) :: c(*)
     end subroutine
+    !> C := A*B, with leading dimensions.
     subroutine spgmatgmat_mkl_G_int64_ld(val, col_ind, row_ptr, b, ldb, m, k, n, c, ldc) &
         bind(C, name="_Z22spgmatgmat_mkl_G_int64PdPlS0_S_llllS_l")
       import :: ip, dp
@@ -26,7 +27,7 @@ module csr_products
       integer(ip), value :: ldb, m, k, n, ldc
       real(dp), intent(inout) :: c(*)
     end subroutine
-    !> C := A*B, A symmetric by its upper triangle; _ld with leading dimensions.
+    !> C := A*B, A symmetric by its upper triangle.
     subroutine spgmatgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, n, c) &
         bind(C, name="_Z22spgmatgmat_mkl_S_int64PdPlS0_S_lllS_")
       import :: ip, dp
@@ -35,6 +36,7 @@ module csr_products
       integer(ip), value :: m, k, n
       real(dp), intent(inout) :: c(*)
     end subroutine
+    !> C := A*B, A symmetric by its upper triangle, with leading dimensions.
     subroutine spgmatgmat_mkl_S_int64_ld(val, col_ind, row_ptr, b, ldb, m, k, n, c, ldc) &
         bind(C, name="_Z22spgmatgmat_mkl_S_int64PdPlS0_S_llllS_l")
       import :: ip, dp
@@ -43,7 +45,7 @@ module csr_products
       integer(ip), value :: ldb, m, k, n, ldc
       real(dp), intent(inout) :: c(*)
     end subroutine
-    !> C := A*B + C.
+    !> C := A*B + C, with leading dimensions.
     subroutine spgmatgmatsum_mkl_G_int64(val, col_ind, row_ptr, b, ldb, m, k, n, c, ldc) &
         bind(C, name="_Z25spgmatgmatsum_mkl_G_int64PdPlS0_S_llllS_l")
       import :: ip, dp
@@ -52,7 +54,7 @@ module csr_products
       integer(ip), value :: ldb, m, k, n, ldc
       real(dp), intent(inout) :: c(*)
     end subroutine
-    !> C := A*B, A symmetric. Warning: despite its name this does not accumulate.
+    !> C := A*B, A symmetric, with leading dimensions. Warning: despite its name this does not accumulate.
     subroutine spgmatgmatsum_mkl_S_int64(val, col_ind, row_ptr, b, ldb, m, k, n, c, ldc) &
         bind(C, name="_Z25spgmatgmatsum_mkl_S_int64PdPlS0_S_llllS_l")
       import :: ip, dp
@@ -61,8 +63,7 @@ module csr_products
       integer(ip), value :: ldb, m, k, n, ldc
       real(dp), intent(inout) :: c(*)
     end subroutine
-    !> C := A^T*B, and the same with A symmetric. Warning: correct only when m = k or n = 1: the leading
-    !> dimensions are k for B and m for C.
+    !> C := A^T*B. Warning: correct only when m = k or n = 1: the leading dimensions are k for B and m for C.
     subroutine spgmattrgmat_mkl_G_int64(val, col_ind, row_ptr, b, m, k, n, c) &
         bind(C, name="_Z24spgmattrgmat_mkl_G_int64PdPlS0_S_lllS_")
       import :: ip, dp
@@ -71,6 +72,7 @@ module csr_products
       integer(ip), value :: m, k, n
       real(dp), intent(inout) :: c(*)
     end subroutine
+    !> C := A^T*B, A symmetric.
     subroutine spgmattrgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, n, c) &
         bind(C, name="_Z24spgmattrgmat_mkl_S_int64PdPlS0_S_lllS_")
       import :: ip, dp
@@ -79,7 +81,7 @@ module csr_products
       integer(ip), value :: m, k, n
       real(dp), intent(inout) :: c(*)
     end subroutine
-    !> y := A*x and y := A*x + y.
+    !> y := A*x.
     subroutine spgmatgvec_mkl_G_int64(val, col_ind, row_ptr, x, m, k, y) &
         bind(C, name="_Z22spgmatgvec_mkl_G_int64PdPlS0_S_llS_")
       import :: ip, dp
@@ -88,6 +90,7 @@ module csr_products
       integer(ip), value :: m, k
       real(dp), intent(inout) :: y(*)
     end subroutine
+    !> y := A*x + y.
     subroutine spgmatgvecsum_mkl_G_int64(val, col_ind, row_ptr, x, m, k, y) &
         bind(C, name="_Z25spgmatgvecsum_mkl_G_int64PdPlS0_S_llS_")
       import :: ip, dp

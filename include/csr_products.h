@@ -1,48 +1,61 @@
 /// @file
-/// Double-precision sparse-matrix products on Intel oneMKL.
+/// @brief The thirteen functions, for hosts in C++.
 ///
-/// **Sparse operand.** A matrix of `rows` x `cols` in one-based CSR form is three arrays, always in
-/// this order:
+/// Double-precision sparse-matrix products on Intel oneMKL. csr_products_c.h declares the same functions
+/// for C, and csr_products.f90 for Fortran.
+///
+/// @section operands Operands
+/// A **sparse operand** of `rows` x `cols` in one-based CSR form is three arrays, always in this order:
 ///   - `val`      the stored entries, row by row: nnz elements
 ///   - `col_ind`  the column number of each, 1 ... cols: nnz elements
 ///   - `row_ptr`  rows + 1 elements; row i (from 0) owns the entries at the one-based positions
 ///                row_ptr[i] ... row_ptr[i+1] - 1, so row_ptr[0] is 1 and nnz is row_ptr[rows] - 1
 ///
-/// **Dense operand.** Column-major doubles. Element (i, j) of an array with leading dimension ld
-/// is at i + j*ld, counted from 0.
-///
-/// **Columns.** The column numbers of a row may stand in any order. A column stands at most once in a row.
+/// The column numbers of a row may stand in any order. A column stands at most once in a row.
 /// @warning A column that stands twice in a row of any operand gives wrong values. In the products of two
 /// sparse matrices it corrupts the process's memory.
 ///
-/// **Ownership.** The caller owns every array. Operands are read and never written, so a const array
-/// may be passed through a const_cast. An output must not overlap an operand. Nothing that is
-/// allocated outlives a call, except the handle described with spgmatspgmattr_mkl_int64_new().
+/// A **dense operand** is an array of column-major doubles. Element (i, j) of an array with leading
+/// dimension ld is at i + j*ld, counted from 0.
 ///
-/// **Threads.** Calls with different outputs may run at the same time. A call needs at most 64 KB of
-/// stack. It may change `errno`. The child of a fork may call, whether the parent has called or not.
+/// The caller owns every array. Operands are read and never written, so a const array may be passed
+/// through a const_cast. An output must not overlap an operand. Nothing that is allocated outlives a call,
+/// except the handle described with spgmatspgmattr_mkl_int64_new().
 ///
-/// **Floating-point exceptions.** MKL may raise them on the way to a right result. A host that traps them
-/// disables the traps around each call (`feholdexcept`, `fesetenv`).
+/// @section threads Threads
+/// Calls with different outputs may run at the same time. A call needs at most 64 KB of stack. It may
+/// change `errno`. The child of a fork may call, whether the parent has called or not.
 ///
-/// **Failure.** Nothing is reported, by contract: no status, no exception, no output. An operand
-/// cannot be wrapped as an MKL handle when one of its dimensions is <= 0, or when its `col_ind` or
-/// `row_ptr` is null; MKL checks nothing else about it. Each function describes what a failed wrap
-/// does to the output. After any other failure the output holds what MKL left there.
+/// @section exceptions Floating-point exceptions
+/// MKL may raise them on the way to a right result. A host that traps them disables the traps around each
+/// call (`feholdexcept`, `fesetenv`).
+///
+/// @section failure Failure
+/// Nothing is reported, by contract: no status, no exception, no output. An operand cannot be wrapped as
+/// an MKL handle when one of its dimensions is <= 0, or when its `col_ind` or `row_ptr` is null; MKL checks
+/// nothing else about it. Each group of functions describes what a failed wrap does to the output. After
+/// any other failure the output holds what MKL left there.
 /// @warning The data() of an empty std::vector is null. A matrix without entries therefore needs a
 /// `col_ind` with at least one element, and a `val` too: with a null `val` the vector functions compute,
 /// but the matrix functions leave C as it was.
 ///
-/// **Loading.** A host that loads `libcsr_products.so.1` with dlopen finds each function by the symbol
-/// given in its description.
+/// @section loading Loading
+/// A host that loads `libcsr_products.so.1` with dlopen finds each function by its symbol.
 
 #pragma once
+
+#ifndef __cplusplus
+#error "csr_products.h is for C++; in C, include csr_products_c.h"
+#else
 
 #include <cstdint>
 
 #pragma GCC visibility push(default)
 
-/// @name Sparse times dense matrix
+// Lines break by operand.
+// clang-format off
+
+/// @defgroup dense_matrix Sparse times dense matrix
 ///
 /// A is m x k and sparse. `_G` takes A as it stands. `_S` treats A as symmetric (m = k): it uses the
 /// entries on and above the diagonal, and mirrors them. Those below may be stored or not. They may be
@@ -59,61 +72,95 @@
 /// it is <= 0.
 /// @{
 
-/// C := A*B. `b`: k x n, `c`: m x n, overwritten.
-/// Symbol: `_Z22spgmatgmat_mkl_G_int64PdPlS0_S_lllS_`
-void spgmatgmat_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                            double* const b, std::int64_t m, std::int64_t k, std::int64_t n, double* const c) noexcept;
+/// C := A*B.
+///
+/// `b` is k x n, `c` is m x n and overwritten.
+/// @par Symbol
+/// `_Z22spgmatgmat_mkl_G_int64PdPlS0_S_lllS_`
+void spgmatgmat_mkl_G_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c) noexcept;
 
-/// C := A*B. `b`: k x n, `c`: m x n, overwritten.
-/// Symbol: `_Z22spgmatgmat_mkl_G_int64PdPlS0_S_llllS_l`
-void spgmatgmat_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                            double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
-                            double* const c, std::int64_t ldc) noexcept;
+/// C := A*B, with leading dimensions.
+///
+/// `b` is k x n, `c` is m x n and overwritten.
+/// @par Symbol
+/// `_Z22spgmatgmat_mkl_G_int64PdPlS0_S_llllS_l`
+void spgmatgmat_mkl_G_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c, std::int64_t ldc) noexcept;
 
-/// C := A*B, A symmetric. `b`: k x n, `c`: m x n, overwritten.
-/// Symbol: `_Z22spgmatgmat_mkl_S_int64PdPlS0_S_lllS_`
-void spgmatgmat_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                            double* const b, std::int64_t m, std::int64_t k, std::int64_t n, double* const c) noexcept;
+/// C := A*B, A symmetric.
+///
+/// `b` is k x n, `c` is m x n and overwritten.
+/// @par Symbol
+/// `_Z22spgmatgmat_mkl_S_int64PdPlS0_S_lllS_`
+void spgmatgmat_mkl_S_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c) noexcept;
 
-/// C := A*B, A symmetric. `b`: k x n, `c`: m x n, overwritten.
-/// Symbol: `_Z22spgmatgmat_mkl_S_int64PdPlS0_S_llllS_l`
-void spgmatgmat_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                            double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
-                            double* const c, std::int64_t ldc) noexcept;
+/// C := A*B, A symmetric, with leading dimensions.
+///
+/// `b` is k x n, `c` is m x n and overwritten.
+/// @par Symbol
+/// `_Z22spgmatgmat_mkl_S_int64PdPlS0_S_llllS_l`
+void spgmatgmat_mkl_S_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c, std::int64_t ldc) noexcept;
 
-/// C := A*B + C. `b`: k x n, `c`: m x n, read and written. A failed wrap destroys what C held.
-/// Symbol: `_Z25spgmatgmatsum_mkl_G_int64PdPlS0_S_llllS_l`
-void spgmatgmatsum_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                               double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
-                               double* const c, std::int64_t ldc) noexcept;
+/// C := A*B + C, with leading dimensions.
+///
+/// `b` is k x n, `c` is m x n, read and written. A failed wrap destroys what C held.
+/// @par Symbol
+/// `_Z25spgmatgmatsum_mkl_G_int64PdPlS0_S_llllS_l`
+void spgmatgmatsum_mkl_G_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c, std::int64_t ldc) noexcept;
 
-/// C := A*B, A symmetric. `b`: k x n, `c`: m x n, overwritten.
+/// C := A*B, A symmetric, with leading dimensions: **does not accumulate**.
+///
+/// `b` is k x n, `c` is m x n and overwritten.
 /// @warning Despite its name this does not accumulate. It is a second name of the long
 /// spgmatgmat_mkl_S_int64(), and stays so.
-/// Symbol: `_Z25spgmatgmatsum_mkl_S_int64PdPlS0_S_llllS_l`
-void spgmatgmatsum_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                               double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
-                               double* const c, std::int64_t ldc) noexcept;
+/// @par Symbol
+/// `_Z25spgmatgmatsum_mkl_S_int64PdPlS0_S_llllS_l`
+void spgmatgmatsum_mkl_S_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c, std::int64_t ldc) noexcept;
 
-/// C := A^T*B. `b`: m x n, `c`: k x n, overwritten.
+/// C := A^T*B.
+///
+/// `b` is m x n, `c` is k x n and overwritten.
 /// @warning The leading dimensions are those of the plain product, k for B and m for C, for any m
 /// and k. They are correct only when m = k or n = 1. Otherwise the columns of C overlap (m < k), or
 /// those of B do (m > k). For a rectangular A and n > 1, pass A as square: s = max(m, k) instead of m
 /// and k, a `row_ptr` of s + 1 elements padded with its last one, and B and C with s rows.
-/// Symbol: `_Z24spgmattrgmat_mkl_G_int64PdPlS0_S_lllS_`
-void spgmattrgmat_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                              double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
-                              double* const c) noexcept;
+/// @par Symbol
+/// `_Z24spgmattrgmat_mkl_G_int64PdPlS0_S_lllS_`
+void spgmattrgmat_mkl_G_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c) noexcept;
 
 /// C := A^T*B, A symmetric: the same product as the short spgmatgmat_mkl_S_int64().
-/// Symbol: `_Z24spgmattrgmat_mkl_S_int64PdPlS0_S_lllS_`
-void spgmattrgmat_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                              double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
-                              double* const c) noexcept;
+///
+/// `b` is k x n, `c` is m x n and overwritten.
+/// @par Symbol
+/// `_Z24spgmattrgmat_mkl_S_int64PdPlS0_S_lllS_`
+void spgmattrgmat_mkl_S_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c) noexcept;
 
 /// @}
 
-/// @name Sparse times vector
+/// @defgroup vector Sparse times vector
 ///
 /// A is m x k and sparse, `x` holds k elements, `y` holds m.
 ///
@@ -122,41 +169,54 @@ void spgmattrgmat_mkl_S_int64(double* const val, std::int64_t* const col_ind, st
 /// modulo 2^64; nothing is written when it is <= 0.
 /// @{
 
-/// y := A*x. `y` is overwritten.
-/// Symbol: `_Z22spgmatgvec_mkl_G_int64PdPlS0_S_llS_`
-void spgmatgvec_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                            double* const x, std::int64_t m, std::int64_t k, double* const y) noexcept;
+/// y := A*x.
+///
+/// `y` is overwritten.
+/// @par Symbol
+/// `_Z22spgmatgvec_mkl_G_int64PdPlS0_S_llS_`
+void spgmatgvec_mkl_G_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const x, std::int64_t m, std::int64_t k,
+    double* const y) noexcept;
 
-/// y := A*x + y. `y` is read and written. A failed wrap destroys what y held.
-/// Symbol: `_Z25spgmatgvecsum_mkl_G_int64PdPlS0_S_llS_`
-void spgmatgvecsum_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                               double* const x, std::int64_t m, std::int64_t k, double* const y) noexcept;
+/// y := A*x + y.
+///
+/// `y` is read and written. A failed wrap destroys what y held.
+/// @par Symbol
+/// `_Z25spgmatgvecsum_mkl_G_int64PdPlS0_S_llS_`
+void spgmatgvecsum_mkl_G_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const x, std::int64_t m, std::int64_t k,
+    double* const y) noexcept;
 
 /// @}
 
-/// @name Sparse times transposed sparse
+/// @defgroup transposed_sparse Sparse times transposed sparse
 ///
 /// A is m x k, B is n x k, both sparse; C is m x n.
+///
+/// **A failed wrap** of A or B leaves C as it was, and so does a B without any stored entry, which MKL
+/// refuses.
 /// @warning A column that stands twice in a row of A or B corrupts the process's memory.
 /// @{
 
-/// C := A*B^T, dense. `c`: m x n, column-major, leading dimension m, overwritten.
+/// C := A*B^T, dense.
 ///
-/// **A failed wrap** leaves C as it was, and so does a B without any stored entry, which MKL refuses.
-/// Symbol: `_Z33spgmatspgmattr_gmat_mkl_int64_newlllPdPlS0_S_S0_S0_S_`
-void spgmatspgmattr_gmat_mkl_int64_new(std::int64_t m, std::int64_t k, std::int64_t n, //
-                                       double* const a_val, std::int64_t* const a_col_ind,
-                                       std::int64_t* const a_row_ptr, //
-                                       double* const b_val, std::int64_t* const b_col_ind,
-                                       std::int64_t* const b_row_ptr, //
-                                       double* const c) noexcept;
+/// `c` is m x n, column-major, with leading dimension m, and overwritten.
+/// @par Symbol
+/// `_Z33spgmatspgmattr_gmat_mkl_int64_newlllPdPlS0_S_S0_S0_S_`
+void spgmatspgmattr_gmat_mkl_int64_new(
+    std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const a_val, std::int64_t* const a_col_ind, std::int64_t* const a_row_ptr,
+    double* const b_val, std::int64_t* const b_col_ind, std::int64_t* const b_row_ptr,
+    double* const c) noexcept;
 
 /// C := A*B^T, one-based CSR, in one call or in stages.
 ///
 /// `c_row_ptr` holds m + 1 elements. `c_val` and `c_col_ind` hold **m*n elements each**, the dense
-/// size of C, at every stage and however few entries are stored. A call that computes the structure of
-/// C writes all of them: the stored entries first, then zeros. An output array that is null is not
-/// written.
+/// size of C, however few entries are stored. A call that computes the structure of C writes all of
+/// them: the stored entries first, then zeros. A refresh needs the stored entries alone. An output array
+/// that is null is not written.
 ///
 /// nnz is c_row_ptr[m] - 1. The column numbers within a row come in MKL's order, which need not be
 /// ascending. What each `stage` leaves:
@@ -178,29 +238,36 @@ void spgmatspgmattr_gmat_mkl_int64_new(std::int64_t m, std::int64_t k, std::int6
 /// after a count. With some releases of MKL a product that MKL refuses leaves one too. A refresh leaves
 /// none. A handle takes 17 to 26 KB, by the release.
 ///
-/// **A failed wrap** of A or B leaves the outputs as they were, and so does a B without any stored
-/// entry, which MKL refuses.
-///
 /// `ignored_count` is never read, `ignored_result` never written.
-/// Symbol: `_Z28spgmatspgmattr_mkl_int64_newllllPdPlS0_S_S0_S0_lS_S0_S0_Rl`
-void spgmatspgmattr_mkl_int64_new(std::int64_t stage, std::int64_t m, std::int64_t k, std::int64_t n, //
-                                  double* const a_val, std::int64_t* const a_col_ind,
-                                  std::int64_t* const a_row_ptr, //
-                                  double* const b_val, std::int64_t* const b_col_ind,
-                                  std::int64_t* const b_row_ptr, //
-                                  std::int64_t ignored_count,    //
-                                  double* const c_val, std::int64_t* const c_col_ind,
-                                  std::int64_t* const c_row_ptr, //
-                                  std::int64_t& ignored_result) noexcept;
+/// @par Symbol
+/// `_Z28spgmatspgmattr_mkl_int64_newllllPdPlS0_S_S0_S0_lS_S0_S0_Rl`
+void spgmatspgmattr_mkl_int64_new(
+    std::int64_t stage, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const a_val, std::int64_t* const a_col_ind, std::int64_t* const a_row_ptr,
+    double* const b_val, std::int64_t* const b_col_ind, std::int64_t* const b_row_ptr,
+    std::int64_t ignored_count,
+    double* const c_val, std::int64_t* const c_col_ind, std::int64_t* const c_row_ptr,
+    std::int64_t& ignored_result) noexcept;
 
 /// @}
 
-/// Sets how many threads MKL may use for the products that start afterwards, in the whole process. It
-/// takes precedence over MKL's environment variables. A count <= 0 changes nothing. The count is a
+/// @defgroup runtime Thread count
+/// @{
+
+/// Sets how many threads MKL may use for the products that start afterwards, in the whole process.
+///
+/// It takes precedence over MKL's environment variables. A count <= 0 changes nothing. The count is a
 /// plain 32-bit `int`.
 /// @warning Do not call this while a sparse-times-transposed-sparse product runs on another thread:
 /// that corrupts MKL's heap.
-/// Symbol: `_Z28qz_mkl_set_num_threads_int64i`
+/// @par Symbol
+/// `_Z28qz_mkl_set_num_threads_int64i`
 void qz_mkl_set_num_threads_int64(int count) noexcept;
 
+/// @}
+
+// clang-format on
+
 #pragma GCC visibility pop
+
+#endif

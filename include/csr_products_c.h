@@ -1,51 +1,62 @@
 /// @file
-/// The functions of csr_products.h for hosts in C. Shapes, failures and warnings stand there and hold
+/// @brief The thirteen functions, for hosts in C.
+///
+/// The functions of csr_products.h under names for C. Shapes, failures and warnings stand there and hold
 /// here: a sparse operand is `val`, `col_ind`, `row_ptr`, one-based; dense ones are column-major.
+/// Each declaration is bound to a symbol of the library by an assembler label (GCC, Clang).
 /// @warning A column stands at most once in a row of any operand. Otherwise values are wrong, and the
 /// products of two sparse matrices corrupt the process's memory.
-/// Each declaration is bound to a symbol of the library by an assembler label (GCC, Clang).
 
 #pragma once
+
+#if defined(__cplusplus) && !defined(DOXYGEN)
+#error "csr_products_c.h is for C; in C++, include csr_products.h"
+#else
 
 #include <stdint.h>
 
 // Lines break by operand.
 // clang-format off
 
-/// C := A*B; `_ld` with leading dimensions. A is m x k, B is k x n.
+/// C := A*B. A is m x k, B is k x n.
 void spgmatgmat_mkl_G_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
     int64_t m, int64_t k, int64_t n, double* c) __asm__("_Z22spgmatgmat_mkl_G_int64PdPlS0_S_lllS_");
+/// C := A*B, with leading dimensions.
 void spgmatgmat_mkl_G_int64_ld(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
     int64_t ldb, int64_t m, int64_t k, int64_t n, double* c, int64_t ldc)
     __asm__("_Z22spgmatgmat_mkl_G_int64PdPlS0_S_llllS_l");
 
-/// C := A*B, A symmetric by its upper triangle; `_ld` with leading dimensions.
+/// C := A*B, A symmetric by its upper triangle.
 void spgmatgmat_mkl_S_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
     int64_t m, int64_t k, int64_t n, double* c) __asm__("_Z22spgmatgmat_mkl_S_int64PdPlS0_S_lllS_");
+/// C := A*B, A symmetric by its upper triangle, with leading dimensions.
 void spgmatgmat_mkl_S_int64_ld(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
     int64_t ldb, int64_t m, int64_t k, int64_t n, double* c, int64_t ldc)
     __asm__("_Z22spgmatgmat_mkl_S_int64PdPlS0_S_llllS_l");
 
-/// C := A*B + C.
+/// C := A*B + C, with leading dimensions.
 void spgmatgmatsum_mkl_G_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
     int64_t ldb, int64_t m, int64_t k, int64_t n, double* c, int64_t ldc)
     __asm__("_Z25spgmatgmatsum_mkl_G_int64PdPlS0_S_llllS_l");
 
-/// C := A*B, A symmetric. @warning Despite its name this does not accumulate.
+/// C := A*B, A symmetric, with leading dimensions.
+/// @warning Despite its name this does not accumulate.
 void spgmatgmatsum_mkl_S_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
     int64_t ldb, int64_t m, int64_t k, int64_t n, double* c, int64_t ldc)
     __asm__("_Z25spgmatgmatsum_mkl_S_int64PdPlS0_S_llllS_l");
 
-/// C := A^T*B, and the same with A symmetric. @warning Correct only when m = k or n = 1: the leading
-/// dimensions are k for B and m for C.
+/// C := A^T*B.
+/// @warning Correct only when m = k or n = 1: the leading dimensions are k for B and m for C.
 void spgmattrgmat_mkl_G_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
     int64_t m, int64_t k, int64_t n, double* c) __asm__("_Z24spgmattrgmat_mkl_G_int64PdPlS0_S_lllS_");
+/// C := A^T*B, A symmetric.
 void spgmattrgmat_mkl_S_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
     int64_t m, int64_t k, int64_t n, double* c) __asm__("_Z24spgmattrgmat_mkl_S_int64PdPlS0_S_lllS_");
 
-/// y := A*x and y := A*x + y.
+/// y := A*x.
 void spgmatgvec_mkl_G_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* x,
     int64_t m, int64_t k, double* y) __asm__("_Z22spgmatgvec_mkl_G_int64PdPlS0_S_llS_");
+/// y := A*x + y.
 void spgmatgvecsum_mkl_G_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* x,
     int64_t m, int64_t k, double* y) __asm__("_Z25spgmatgvecsum_mkl_G_int64PdPlS0_S_llS_");
 
@@ -56,7 +67,8 @@ void spgmatspgmattr_gmat_mkl_int64_new(int64_t m, int64_t k, int64_t n,
     double* c) __asm__("_Z33spgmatspgmattr_gmat_mkl_int64_newlllPdPlS0_S_S0_S0_S_");
 
 /// C := A*B^T, one-based CSR: `stage` 0 in one call, 1 a count, 2 its finish or a refresh of the values.
-/// `c_val` and `c_col_ind` hold m*n elements each. @warning A refresh takes `c_col_ind` and `c_row_ptr`
+/// `c_val` and `c_col_ind` hold m*n elements each.
+/// @warning A refresh takes `c_col_ind` and `c_row_ptr`
 /// unchecked: they must stand as a product left them, in that order.
 void spgmatspgmattr_mkl_int64_new(int64_t stage, int64_t m, int64_t k, int64_t n,
     const double* a_val, const int64_t* a_col_ind, const int64_t* a_row_ptr,
@@ -64,5 +76,8 @@ void spgmatspgmattr_mkl_int64_new(int64_t stage, int64_t m, int64_t k, int64_t n
     int64_t ignored_count, double* c_val, int64_t* c_col_ind, int64_t* c_row_ptr,
     int64_t* ignored_result) __asm__("_Z28spgmatspgmattr_mkl_int64_newllllPdPlS0_S_S0_S0_lS_S0_S0_Rl");
 
-/// MKL's thread count. @warning Not while a product of the last two kinds runs on another thread.
+/// MKL's thread count.
+/// @warning Not while a product of the last two kinds runs on another thread.
 void qz_mkl_set_num_threads_int64(int count) __asm__("_Z28qz_mkl_set_num_threads_int64i");
+
+#endif

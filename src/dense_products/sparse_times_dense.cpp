@@ -13,6 +13,7 @@ struct DenseOperand {
     std::int64_t leading_dimension;
 };
 
+// C := op(A)*B + beta*C. A is m x k; plain, B has k rows and C has m, and transposed the other way round.
 void multiply(sparse_operation_t operation, const CsrOperand& a, const DescriptorPreset& preset, DenseOperand b,
               std::int64_t columns, double beta, DenseOperand c) noexcept {
     const SparseHandle handle(a);
@@ -29,50 +30,65 @@ void multiply(sparse_operation_t operation, const CsrOperand& a, const Descripto
 
 using namespace csr_products;
 
-void spgmatgmat_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                            double* const b, std::int64_t m, std::int64_t k, std::int64_t n, double* const c) noexcept {
+// Lines break by operand.
+// clang-format off
+
+void spgmatgmat_mkl_G_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c) noexcept {
     multiply(NonTranspose, {m, k, val, col_ind, row_ptr}, GeneralFull, {b, k}, n, Overwrite, {c, m});
 }
 
-void spgmatgmat_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                            double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
-                            double* const c, std::int64_t ldc) noexcept {
+void spgmatgmat_mkl_G_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c, std::int64_t ldc) noexcept {
     multiply(NonTranspose, {m, k, val, col_ind, row_ptr}, GeneralFull, {b, ldb}, n, Overwrite, {c, ldc});
 }
 
-void spgmatgmat_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                            double* const b, std::int64_t m, std::int64_t k, std::int64_t n, double* const c) noexcept {
+void spgmatgmat_mkl_S_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c) noexcept {
     multiply(NonTranspose, {m, k, val, col_ind, row_ptr}, SymmetricUpper, {b, k}, n, Overwrite, {c, m});
 }
 
-void spgmatgmat_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                            double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
-                            double* const c, std::int64_t ldc) noexcept {
+void spgmatgmat_mkl_S_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c, std::int64_t ldc) noexcept {
     multiply(NonTranspose, {m, k, val, col_ind, row_ptr}, SymmetricUpper, {b, ldb}, n, Overwrite, {c, ldc});
 }
 
-void spgmatgmatsum_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                               double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
-                               double* const c, std::int64_t ldc) noexcept {
+void spgmatgmatsum_mkl_G_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c, std::int64_t ldc) noexcept {
     multiply(NonTranspose, {m, k, val, col_ind, row_ptr}, GeneralFull, {b, ldb}, n, Accumulate, {c, ldc});
 }
 
 // Kept on purpose: a second name of the long spgmatgmat_mkl_S_int64, which does not accumulate.
-[[gnu::alias("_Z22spgmatgmat_mkl_S_int64PdPlS0_S_llllS_l")]] void
-spgmatgmatsum_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr, double* const b,
-                          std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n, double* const c,
-                          std::int64_t ldc) noexcept;
+[[gnu::alias("_Z22spgmatgmat_mkl_S_int64PdPlS0_S_llllS_l")]]
+void spgmatgmatsum_mkl_S_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t ldb, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c, std::int64_t ldc) noexcept;
 
 // Kept on purpose: the transposed entries pass the leading dimensions of the plain product, k for B
 // and m for C, although B then has m rows and C has k.
-void spgmattrgmat_mkl_G_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                              double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
-                              double* const c) noexcept {
+void spgmattrgmat_mkl_G_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c) noexcept {
     multiply(Transpose, {m, k, val, col_ind, row_ptr}, GeneralFull, {b, k}, n, Overwrite, {c, m});
 }
 
-void spgmattrgmat_mkl_S_int64(double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
-                              double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
-                              double* const c) noexcept {
+void spgmattrgmat_mkl_S_int64(
+    double* const val, std::int64_t* const col_ind, std::int64_t* const row_ptr,
+    double* const b, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const c) noexcept {
     multiply(Transpose, {m, k, val, col_ind, row_ptr}, SymmetricUpper, {b, k}, n, Overwrite, {c, m});
 }
+
+// clang-format on

@@ -28,6 +28,7 @@ sparse_request_t request_of(std::int64_t stage, const CsrOperand& c) noexcept {
     }
 }
 
+// C := A*B^T or a part of it, with A m x k, B n x k and C m x n.
 // Kept on purpose: no wrap is examined, and MKL gets the handles as they are.
 void multiply(std::int64_t stage, const CsrOperand& a, const CsrOperand& b, const CsrOperand& c) noexcept {
     const LentArrays lent(c); // before the handles, so that it is destroyed after them
@@ -45,15 +46,19 @@ void multiply(std::int64_t stage, const CsrOperand& a, const CsrOperand& b, cons
 
 using namespace csr_products;
 
-void spgmatspgmattr_mkl_int64_new(std::int64_t stage, std::int64_t m, std::int64_t k, std::int64_t n, //
-                                  double* const a_val, std::int64_t* const a_col_ind,
-                                  std::int64_t* const a_row_ptr, //
-                                  double* const b_val, std::int64_t* const b_col_ind,
-                                  std::int64_t* const b_row_ptr,  //
-                                  std::int64_t /*ignored_count*/, //
-                                  double* const c_val, std::int64_t* const c_col_ind,
-                                  std::int64_t* const c_row_ptr, //
-                                  std::int64_t& /*ignored_result*/) noexcept {
-    multiply(stage, {m, k, a_val, a_col_ind, a_row_ptr}, {n, k, b_val, b_col_ind, b_row_ptr},
+// Lines break by operand.
+// clang-format off
+
+void spgmatspgmattr_mkl_int64_new(
+    std::int64_t stage, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const a_val, std::int64_t* const a_col_ind, std::int64_t* const a_row_ptr,
+    double* const b_val, std::int64_t* const b_col_ind, std::int64_t* const b_row_ptr,
+    std::int64_t /*ignored_count*/,
+    double* const c_val, std::int64_t* const c_col_ind, std::int64_t* const c_row_ptr,
+    std::int64_t& /*ignored_result*/) noexcept {
+    multiply(stage,
+             {m, k, a_val, a_col_ind, a_row_ptr}, {n, k, b_val, b_col_ind, b_row_ptr},
              {m, n, c_val, c_col_ind, c_row_ptr});
 }
+
+// clang-format on

@@ -7,6 +7,7 @@
 namespace csr_products {
 namespace {
 
+// C := A*B^T, with A m x k, B n x k and C m x n.
 // Kept on purpose: neither wrap is examined, and MKL gets the handles as they are.
 void multiply(const CsrOperand& a, const CsrOperand& b, double* c) noexcept {
     const SparseHandle a_handle(a);
@@ -20,11 +21,15 @@ void multiply(const CsrOperand& a, const CsrOperand& b, double* c) noexcept {
 
 using namespace csr_products;
 
-void spgmatspgmattr_gmat_mkl_int64_new(std::int64_t m, std::int64_t k, std::int64_t n, //
-                                       double* const a_val, std::int64_t* const a_col_ind,
-                                       std::int64_t* const a_row_ptr, //
-                                       double* const b_val, std::int64_t* const b_col_ind,
-                                       std::int64_t* const b_row_ptr, //
-                                       double* const c) noexcept {
+// Lines break by operand.
+// clang-format off
+
+void spgmatspgmattr_gmat_mkl_int64_new(
+    std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const a_val, std::int64_t* const a_col_ind, std::int64_t* const a_row_ptr,
+    double* const b_val, std::int64_t* const b_col_ind, std::int64_t* const b_row_ptr,
+    double* const c) noexcept {
     multiply({m, k, a_val, a_col_ind, a_row_ptr}, {n, k, b_val, b_col_ind, b_row_ptr}, c);
 }
+
+// clang-format on

@@ -74,7 +74,7 @@ void spgmatspgmattr_mkl_int64_new(int64_t stage, int64_t m, int64_t k, int64_t n
     const double* a_val, const int64_t* a_col_ind, const int64_t* a_row_ptr,
     const double* b_val, const int64_t* b_col_ind, const int64_t* b_row_ptr,
     int64_t ignored_count, double* c_val, int64_t* c_col_ind, int64_t* c_row_ptr,
-    int64_t* ignored_result) __asm__("_Z28spgmatspgmattr_mkl_int64_newllllPdPlS0_S_S0_S0_lS_S0_S0_Rl");
+    const int64_t* ignored_result) __asm__("_Z28spgmatspgmattr_mkl_int64_newllllPdPlS0_S_S0_S0_lS_S0_S0_Rl");
 
 /// MKL's thread count.
 /// @warning Not while a product of the last two kinds runs on another thread.

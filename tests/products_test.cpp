@@ -12,6 +12,7 @@
 #include <limits>
 #include <pthread.h>
 #include <random>
+#include <sys/mman.h>
 #include <thread>
 
 namespace {
@@ -26,6 +27,27 @@ constexpr Int guard = 8; // elements behind every output
 std::size_t size(Int count) {
     return static_cast<std::size_t>(count);
 }
+
+// A copy in memory that cannot be written, for the operands, which the library only reads.
+template <class T>
+class ReadOnly {
+public:
+    explicit ReadOnly(const std::vector<T>& source) : bytes_(source.size() * sizeof(T) + 1), null_(source.empty()) {
+        data_ = static_cast<T*>(mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        std::copy(source.begin(), source.end(), data_);
+        mprotect(data_, bytes_, PROT_READ);
+    }
+    ~ReadOnly() { munmap(data_, bytes_); }
+    ReadOnly(const ReadOnly&) = delete;
+    ReadOnly& operator=(const ReadOnly&) = delete;
+
+    operator T*() const { return null_ ? nullptr : data_; }
+
+private:
+    std::size_t bytes_;
+    bool null_; // as the data() of an empty vector
+    T* data_;
+};
 
 double small_integer(std::mt19937& random) {
     return std::uniform_int_distribution<int>(1, 9)(random);
@@ -114,8 +136,8 @@ void expect_dense_products(const Csr& a, Int n) {
                 expected[size(to + j * ldc)] += value * factor;
             }
         }
-        e.call(stored.val.data(), stored.col_ind.data(), stored.row_ptr.data(), b.data(), ldb, m, k, columns, c.data(),
-               ldc);
+        e.call(ReadOnly(stored.val), ReadOnly(stored.col_ind), ReadOnly(stored.row_ptr), ReadOnly(b), ldb, m, k,
+               columns, c.data(), ldc);
         EXPECT_EQ(c, expected);
     }
 }
@@ -208,9 +230,9 @@ struct CsrOutput : Csr {
 
     void multiply(Int stage, Int m, Int n, Csr& a, Csr& b) {
         Int ignored_result = untouched;
-        spgmatspgmattr_mkl_int64_new(stage, m, a.cols, n, a.val.data(), a.col_ind.data(), a.row_ptr.data(),
-                                     b.val.data(), b.col_ind.data(), b.row_ptr.data(), 0, val.data(), col_ind.data(),
-                                     row_ptr.data(), ignored_result);
+        spgmatspgmattr_mkl_int64_new(stage, m, a.cols, n, ReadOnly(a.val), ReadOnly(a.col_ind), ReadOnly(a.row_ptr),
+                                     ReadOnly(b.val), ReadOnly(b.col_ind), ReadOnly(b.row_ptr), 0, val.data(),
+                                     col_ind.data(), row_ptr.data(), ignored_result);
         EXPECT_EQ(ignored_result, untouched);
     }
 
@@ -306,16 +328,11 @@ TEST(TransposedProducts, SmallOnesAgreeWithPlainLoops) {
     }
 }
 
+// Large enough for blocks of MKL's that the kernel maps one by one, and gets back when they are released, and for
+// all threads.
 TEST(TransposedProducts, LargeOnesAgreeWithPlainLoops) {
-    for (const auto& [m, k, n, a_density, b_density] :
-         {std::tuple<Int, Int, Int, double, double>{700, 50, 600, 1.0, 1.0},
-          {900, 5000, 700, 1e-3, 1e-3},
-          {1500, 40, 1500, 1e-3, 1e-3},
-          {3000, 3000, 3000, 5e-4, 5e-4},
-          {3000, 3000, 3000, 2e-3, 2e-3},
-          {3000, 500, 3000, 0.02, 0.02}}) {
-        expect_transposed_products(m, k, n, a_density, b_density);
-    }
+    expect_transposed_products(700, 50, 600, 1.0, 1.0);
+    expect_transposed_products(3000, 3000, 3000, 5e-4, 5e-4);
 }
 
 // An output array that is null is skipped, and the others are written. Stage 2 needs all but the values.

@@ -149,39 +149,6 @@ TEST(Distributed, ChangedMatrix) {
     check(MatDestroy(&aij));
 }
 
-TEST(Distributed, SolversTakeAsManyIterationsAsOnPetscsOwnMatrix) {
-    EigenMatrix unsymmetric = poisson(8);
-    for (Int i = 1; i < unsymmetric.rows(); ++i) {
-        unsymmetric.coeffRef(i, i - 1) += -1.0;
-    }
-    for (const auto& [type, a] : {std::pair{KSPCG, poisson(8)}, {KSPGMRES, unsymmetric}}) {
-        Mat aij = distribute(only_on_rank_0(a));
-        {
-            DistributedOperator op(aij);
-            std::vector<Int> iterations;
-            for (Mat matrix : {op.shell(), aij}) {
-                KSP solver = nullptr;
-                Vec b = nullptr;
-                Vec x = nullptr;
-                check(MatCreateVecs(aij, &x, &b));
-                set(b, operand(a.rows(), 0));
-                check(KSPCreate(PETSC_COMM_WORLD, &solver));
-                check(KSPSetType(solver, type));
-                check(KSPSetOperators(solver, matrix, aij));
-                check(KSPSetTolerances(solver, 1e-8, PETSC_DEFAULT, PETSC_DEFAULT, PETSC_DEFAULT));
-                check(KSPSolve(solver, b, x));
-                check(KSPGetIterationNumber(solver, &iterations.emplace_back()));
-                check(KSPDestroy(&solver));
-                check(VecDestroy(&b));
-                check(VecDestroy(&x));
-            }
-            EXPECT_EQ(iterations[0], iterations[1]) << type;
-            EXPECT_GT(iterations[0], 3);
-        }
-        check(MatDestroy(&aij));
-    }
-}
-
 } // namespace
 
 int main(int argc, char** argv) {

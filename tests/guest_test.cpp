@@ -28,28 +28,16 @@ Multiply* multiply_of(void* library) {
     return reinterpret_cast<Multiply*>(dlsym(library, "_Z22spgmatgvec_mkl_G_int64PdPlS0_S_llS_"));
 }
 
-// A product large enough for MKL to use its threads: a tridiagonal matrix of ones by 1, 2, 3 ...
+// A product large enough for MKL to use its threads: a diagonal of 1, 2, 3 ... by itself.
 void expect_product(Multiply* multiply) {
-    constexpr Int n = 20000;
-    std::vector<double> val;
-    std::vector<Int> col_ind;
-    std::vector<Int> row_ptr{1};
-    for (Int i = 1; i <= n; ++i) {
-        for (Int j = std::max<Int>(i - 1, 1); j <= std::min(i + 1, n); ++j) {
-            val.push_back(1.0);
-            col_ind.push_back(j);
-        }
-        row_ptr.push_back(Int(val.size()) + 1);
-    }
-    std::vector<double> x(n);
-    std::iota(x.begin(), x.end(), 1.0);
-    std::vector<double> expected(n);
-    std::transform(x.begin(), x.end(), expected.begin(), [](double i) { return 3 * i; });
-    expected.front() = 3.0;
-    expected.back() = 2.0 * n - 1;
+    constexpr Int n = 60000;
+    std::vector<double> val(n);
     std::vector<double> y(n);
-    multiply(val.data(), col_ind.data(), row_ptr.data(), x.data(), n, n, y.data());
-    EXPECT_TRUE(y == expected);
+    std::vector<Int> one_to_n_plus_1(n + 1);
+    std::iota(val.begin(), val.end(), 1.0);
+    std::iota(one_to_n_plus_1.begin(), one_to_n_plus_1.end(), 1);
+    multiply(val.data(), one_to_n_plus_1.data(), one_to_n_plus_1.data(), val.data(), n, n, y.data());
+    EXPECT_TRUE(std::equal(y.begin(), y.end(), val.begin(), [](double square, double i) { return square == i * i; }));
 }
 
 class GuestScope : public testing::TestWithParam<int> {};
@@ -95,38 +83,22 @@ TEST(Guest, BesideADynamicMklWith32BitIntegers) {
         dgemm(102, 111, 111, n, n, n, 1.0, a.data(), n, a.data(), n, 0.0, c.data(), n);
         EXPECT_EQ(c, std::vector<double>(elements, 4.0 * n));
     };
-    expect_dense_product();
-    expect_product(multiply_of(load()));
-    expect_dense_product();
-    expect_product(multiply_of(load()));
+    for (int round = 0; round < 2; ++round) {
+        expect_dense_product();
+        expect_product(multiply_of(load()));
+    }
 }
 
 #ifdef _OPENMP
 TEST(Guest, BetweenAndWithinLoopsOfGnuOpenMp) {
     Multiply* const multiply = multiply_of(load());
     for (int round = 0; round < 5; ++round) {
-        Int sum = 0;
-#pragma omp parallel for reduction(+ : sum) num_threads(4)
-        for (Int i = 0; i < 1000; ++i) {
-            sum += i;
-        }
-        EXPECT_EQ(sum, 499500);
         expect_product(multiply);
 #pragma omp parallel num_threads(4)
         expect_product(multiply);
     }
 }
 #endif
-
-TEST(Guest, ThreadsThatEnd) {
-    Multiply* const multiply = multiply_of(load());
-    for (int round = 0; round < 50; ++round) {
-        std::thread first([&] { expect_product(multiply); });
-        std::thread second([&] { expect_product(multiply); });
-        first.join();
-        second.join();
-    }
-}
 
 TEST(Guest, ChildrenOfForksBeforeAndAfterACall) {
     Multiply* const multiply = multiply_of(load());

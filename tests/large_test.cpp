@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <numeric>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <vector>
@@ -33,22 +32,15 @@ public:
     explicit Repeated(Int count, Kind kind = operand) : bytes_(size(count) * sizeof(T)) {
         constexpr std::size_t block = period * sizeof(T);
         const int file = memfd_create("block", 0);
-        void* const range = mmap(nullptr, bytes_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-        if (file < 0 || range == MAP_FAILED || ftruncate(file, block) != 0) {
-            throw std::bad_alloc();
-        }
-        data_ = static_cast<T*>(range);
-        for (Int first = 0; first < count; first += period) {
-            const int sharing = kind == output && first == 0 ? MAP_PRIVATE : MAP_SHARED;
-            if (mmap(data_ + first, block, PROT_READ | PROT_WRITE, sharing | MAP_FIXED, file, 0) == MAP_FAILED) {
-                throw std::bad_alloc();
-            }
+        EXPECT_EQ(ftruncate(file, block), 0);
+        data_ = static_cast<T*>(mmap(nullptr, bytes_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+        for (Int i = 0; i < count; i += period) {
+            const int sharing = kind == output && i == 0 ? MAP_PRIVATE : MAP_SHARED;
+            EXPECT_NE(mmap(data_ + i, block, PROT_READ | PROT_WRITE, sharing | MAP_FIXED, file, 0), MAP_FAILED);
         }
         close(file);
     }
     ~Repeated() { munmap(data_, bytes_); }
-    Repeated(const Repeated&) = delete;
-    Repeated& operator=(const Repeated&) = delete;
 
     T* data() const { return data_; }
     T& operator[](Int i) const { return data_[i]; }
@@ -57,8 +49,6 @@ private:
     std::size_t bytes_;
     T* data_;
 };
-
-Int ignored = 0;
 
 // A matrix of full rows, 4096 entries each, that repeat with the period.
 struct ManyEntries {
@@ -94,45 +84,44 @@ std::vector<double> small_integers(Int count) {
     return values;
 }
 
-TEST(Entries, VectorProducts) {
+TEST(Entries, Products) {
     ManyEntries a;
-    std::vector<double> x = small_integers(a.cols);
-    std::vector<double> y(size(a.rows), -1.0);
-    const std::vector<double> expected = a.times(x.data());
-    for (const double beta : {0.0, 1.0}) {
-        (beta == 0.0 ? spgmatgvec_mkl_G_int64 : spgmatgvecsum_mkl_G_int64)(
-            a.val.data(), a.col_ind.data(), a.row_ptr.data(), x.data(), a.rows, a.cols, y.data());
-        for (Int i = 0; i < a.rows; ++i) {
-            ASSERT_EQ(y[size(i)], (1 + beta) * expected[size(i % a.rows_of_period)]) << "row " << i;
-        }
-    }
-}
-
-TEST(Entries, MatrixProducts) {
-    ManyEntries a;
+    const auto multiply = [&](auto entry, auto&... arguments) {
+        entry(a.val.data(), a.col_ind.data(), a.row_ptr.data(), arguments...);
+    };
     constexpr Int n = 2;
     std::vector<double> b = small_integers(a.cols * n);
     std::vector<double> c(size(a.rows * n), -1.0);
-    spgmatgmat_mkl_G_int64(a.val.data(), a.col_ind.data(), a.row_ptr.data(), b.data(), a.rows, a.cols, n, c.data());
-    for (Int j = 0; j < n; ++j) {
-        const std::vector<double> expected = a.times(b.data() + j * a.cols);
-        for (Int i = 0; i < a.rows; ++i) {
-            ASSERT_EQ(c[size(i + j * a.rows)], expected[size(i % a.rows_of_period)]) << i << ", " << j;
+    double* const x = b.data();
+    double* const y = c.data();
+    const auto expect = [&](Int columns, double times) {
+        for (Int j = 0; j < columns; ++j) {
+            const std::vector<double> expected = a.times(x + j * a.cols);
+            for (Int i = 0; i < a.rows; ++i) {
+                ASSERT_EQ(y[i + j * a.rows], times * expected[size(i % a.rows_of_period)]) << i << ", " << j;
+            }
         }
-    }
+    };
+    multiply(spgmatgvec_mkl_G_int64, x, a.rows, a.cols, y);
+    expect(1, 1);
+    multiply(spgmatgvecsum_mkl_G_int64, x, a.rows, a.cols, y);
+    expect(1, 2);
+    multiply(static_cast<decltype(&spgmattrgmat_mkl_G_int64)>(spgmatgmat_mkl_G_int64), x, a.rows, a.cols, n, y);
+    expect(n, 1);
 
-    std::vector<double> x = small_integers(a.rows);
-    std::vector<double> y(size(a.cols), -1.0);
-    std::vector<double> sums(size(a.rows_of_period)); // of x, over the equal rows of A
+    std::vector<double> rows = small_integers(a.rows);
+    std::vector<double> sums(size(a.rows_of_period)); // over the equal rows of A
     for (Int i = 0; i < a.rows; ++i) {
-        sums[size(i % a.rows_of_period)] += x[size(i)];
+        sums[size(i % a.rows_of_period)] += rows[size(i)];
     }
     std::vector<double> expected(size(a.cols));
     for (Int p = 0; p < period; ++p) {
         expected[size(p % a.cols)] += a.val[p] * sums[size(p / a.cols)];
     }
-    spgmattrgmat_mkl_G_int64(a.val.data(), a.col_ind.data(), a.row_ptr.data(), x.data(), a.rows, a.cols, 1, y.data());
-    EXPECT_EQ(y, expected);
+    double* const z = rows.data();
+    constexpr Int one = 1;
+    multiply(spgmattrgmat_mkl_G_int64, z, a.rows, a.cols, one, x);
+    EXPECT_EQ(std::vector<double>(x, x + a.cols), expected);
 }
 
 TEST(LeadingDimensions, BeyondTwoTo32) {
@@ -142,7 +131,8 @@ TEST(LeadingDimensions, BeyondTwoTo32) {
     std::vector<Int> row_ptr{1, 3, 4};
     const Repeated<double> b(2 * ld);
     const Repeated<double> c(2 * ld, Repeated<double>::output);
-    std::iota(b.data(), b.data() + 2, 1.0);
+    b[0] = 1;
+    b[1] = 2;
     for (const bool symmetric : {false, true}) {
         (symmetric ? static_cast<decltype(&spgmatgmatsum_mkl_G_int64)>(spgmatgmat_mkl_S_int64)
                    : spgmatgmatsum_mkl_G_int64)(val.data(), col_ind.data(), row_ptr.data(), b.data(), ld, 2, 2, 2,
@@ -221,6 +211,7 @@ TEST(Elements, TransposedCsr) {
     val[2 * period] = 1.0;
     col_ind[2 * period] = 1;
     std::vector<Int> row_ptr(size(result_rows + 1));
+    Int ignored = 0;
     spgmatspgmattr_mkl_int64_new(0, a.rows, a.cols, b.rows, a.val.data(), a.col_ind.data(), a.row_ptr.data(),
                                  b.val.data(), b.col_ind.data(), b.row_ptr.data(), 0, val.data(), col_ind.data(),
                                  row_ptr.data(), ignored);

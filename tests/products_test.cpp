@@ -32,21 +32,20 @@ std::size_t size(Int count) {
 template <class T>
 class ReadOnly {
 public:
-    explicit ReadOnly(const std::vector<T>& source) : bytes_(source.size() * sizeof(T) + 1), null_(source.empty()) {
-        data_ = static_cast<T*>(mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        std::copy(source.begin(), source.end(), data_);
-        mprotect(data_, bytes_, PROT_READ);
+    explicit ReadOnly(const std::vector<T>& source) : bytes_(source.size() * sizeof(T)) {
+        if (!source.empty()) { // else null, as the data() of an empty vector
+            data_ = static_cast<T*>(mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+            std::copy(source.begin(), source.end(), data_);
+            mprotect(data_, bytes_, PROT_READ);
+        }
     }
     ~ReadOnly() { munmap(data_, bytes_); }
     ReadOnly(const ReadOnly&) = delete;
-    ReadOnly& operator=(const ReadOnly&) = delete;
-
-    operator T*() const { return null_ ? nullptr : data_; }
+    operator T*() const { return data_; }
 
 private:
     std::size_t bytes_;
-    bool null_; // as the data() of an empty vector
-    T* data_;
+    T* data_ = nullptr;
 };
 
 double small_integer(std::mt19937& random) {
@@ -101,18 +100,14 @@ void expect_dense_products(const Csr& a, Int n) {
         SCOPED_TRACE(testing::Message() << e.name << ": " << m << " x " << k << ", " << a.val.size()
                                         << " entries, columns " << n);
         Csr stored = a;
-        struct Term {
-            Int to, from;
-            double value;
-        };
-        std::vector<Term> terms;
+        std::vector<std::tuple<Int, Int, double>> terms; // to a row of C, from a row of B, times a value
         std::size_t position = 0;
         a.each([&](Int row, Int col, double value) {
             if (symmetric ? row <= col : !transposed) {
-                terms.push_back({row, col, value});
+                terms.emplace_back(row, col, value);
             }
             if (symmetric ? row < col : transposed) {
-                terms.push_back({col, row, value});
+                terms.emplace_back(col, row, value);
             }
             if (symmetric && row > col) {
                 stored.val[position] = nan;
@@ -156,41 +151,29 @@ TEST(DenseProducts, AgreeWithPlainLoops) {
 // MKL computes 0/0 where a matrix has fewer rows than there are threads.
 TEST(DenseProducts, TrapsDisabledAroundACall) {
     feenableexcept(FE_DIVBYZERO | FE_INVALID | FE_OVERFLOW);
-    for (const Int n : {1, 5}) {
-        fenv_t with_traps;
-        feholdexcept(&with_traps);
-        expect_dense_products(Csr(1, 1, 1.0, 1), n);
-        expect_dense_products(Csr(50, 50, 0.3, 1), n);
-        fesetenv(&with_traps);
-    }
+    fenv_t with_traps;
+    feholdexcept(&with_traps);
+    expect_dense_products(Csr(1, 1, 1.0, 1), 5);
+    fesetenv(&with_traps);
 }
 
-TEST(DenseProducts, FailedWrapClearsTheOperandsShape) {
-    Csr a(4, 4, 1.0, 1);
-    Dense b(16, 1.0);
-    for (const DenseEntry& e : dense_entries) {
-        for (const auto& [m, col_ind, cleared] : {std::tuple{0, a.col_ind.data(), 0}, {4, nullptr, 16}}) {
-            Dense c(16 + guard, untouched);
-            Dense expected = c;
-            std::fill_n(expected.begin(), cleared, 0.0);
-            e.call(a.val.data(), col_ind, a.row_ptr.data(), b.data(), 4, m, 4, 1, c.data(), 4);
-            EXPECT_EQ(c, expected) << e.name << ", rows " << m;
-        }
-    }
-}
-
-// A null val is wrapped. Without entries, the vector entries then compute, and the matrix entries leave C.
-TEST(DenseProducts, NullValues) {
+// MKL refuses an operand without rows or column numbers. It wraps one without values: with no entry either, the
+// vector entries then compute, and the matrix entries leave C.
+TEST(DenseProducts, OperandsThatMklRefuses) {
     Csr a(4, 4, 0.0, 1);
     Dense b(16, 1.0);
     for (const DenseEntry& e : dense_entries) {
-        Dense c(16 + guard, untouched);
-        Dense expected = c;
-        if (e.form == DenseEntry::vector_form) {
-            std::fill_n(expected.begin(), 4, e.beta * untouched);
+        const bool computes = e.form == DenseEntry::vector_form;
+        for (const auto& [val, col_ind, m, written, value] :
+             {std::tuple{a.val.data(), a.col_ind.data(), 0, 0, 0.0},
+              {a.val.data(), nullptr, 4, 16, 0.0},
+              {nullptr, a.col_ind.data(), 4, computes ? 4 : 0, e.beta * untouched}}) {
+            Dense c(16 + guard, untouched);
+            Dense expected = c;
+            std::fill_n(expected.begin(), written, value);
+            e.call(val, col_ind, a.row_ptr.data(), b.data(), 4, m, 4, 2, c.data(), 4);
+            EXPECT_EQ(c, expected) << e.name << ", rows " << m;
         }
-        e.call(nullptr, a.col_ind.data(), a.row_ptr.data(), b.data(), 4, 4, 4, 2, c.data(), 4);
-        EXPECT_EQ(c, expected) << e.name;
     }
 }
 

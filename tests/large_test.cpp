@@ -52,9 +52,9 @@ private:
 
 // A matrix of full rows, 4096 entries each, that repeat with the period.
 struct ManyEntries {
-    static constexpr Int cols = 4096;
-    static constexpr Int rows_of_period = period / cols;
-    static constexpr Int rows = (two_to_31 + period) / cols;
+    const Int cols = 4096;
+    const Int rows_of_period = period / cols;
+    const Int rows = (two_to_31 + period) / cols;
 
     Repeated<double> val{rows * cols};
     Repeated<Int> col_ind{rows * cols};
@@ -65,7 +65,7 @@ struct ManyEntries {
             val[p] = static_cast<double>(p * 7 / 3 % 5 + 1);
             col_ind[p] = p % cols + 1;
         }
-        std::generate(row_ptr.begin(), row_ptr.end(), [next = 1 - cols]() mutable { return next += cols; });
+        std::generate(row_ptr.begin(), row_ptr.end(), [this, next = 1 - cols]() mutable { return next += cols; });
     }
 
     // A*x for the rows of one period.
@@ -147,8 +147,7 @@ TEST(LeadingDimensions, BeyondTwoTo32) {
 
 // One entry in each of the first and the last rows, i % 8 + 1 in column i % 4, and none in the others.
 struct OneEntryARow {
-    static constexpr Int cols = 4;
-
+    const Int cols = 4;
     Int rows, first, last;
     std::vector<double> val;
     std::vector<Int> col_ind, row_ptr{1};

@@ -67,7 +67,8 @@ TEST(OutOfMemory, OutputsStayAndTheNextProductIsRight) {
         }
         a_row_ptr.push_back(Int(a_col_ind.size()) + 1);
     }
-    Outputs product, counted;
+    Outputs product;
+    Outputs counted;
     product.multiply(0);
     counted.multiply(1);
     int failures = 0;

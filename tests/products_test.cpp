@@ -327,22 +327,26 @@ TEST(TransposedProducts, NullOutputs) {
     counted.multiply(1, 6, 7, a, b);
     CsrOutput product = fresh;
     product.multiply(0, 6, 7, a, b);
-    for (const auto& [stage, before, after] :
-         {std::tuple{0, &fresh, &product}, {1, &fresh, &counted}, {2, &counted, &product}, {2, &product, &product}}) {
+    const struct {
+        int stage;
+        const CsrOutput& before;
+        const CsrOutput& after;
+    } cases[] = {{0, fresh, product}, {1, fresh, counted}, {2, counted, product}, {2, product, product}};
+    for (const auto& t : cases) {
         for (const unsigned null : {1U, 2U, 4U, 7U}) {
-            SCOPED_TRACE(testing::Message() << "stage " << stage << ", null arrays " << null);
-            CsrOutput c = *before;
+            SCOPED_TRACE(testing::Message() << "stage " << t.stage << ", null arrays " << null);
+            CsrOutput c = t.before;
             const auto unless = [&](unsigned bit, auto* array) { return (null & bit) != 0 ? nullptr : array; };
             Int ignored = 0;
-            spgmatspgmattr_mkl_int64_new(stage, 6, 5, 7, a.val.data(), a.col_ind.data(), a.row_ptr.data(), b.val.data(),
-                                         b.col_ind.data(), b.row_ptr.data(), 0, unless(1, c.val.data()),
+            spgmatspgmattr_mkl_int64_new(t.stage, 6, 5, 7, a.val.data(), a.col_ind.data(), a.row_ptr.data(),
+                                         b.val.data(), b.col_ind.data(), b.row_ptr.data(), 0, unless(1, c.val.data()),
                                          unless(2, c.col_ind.data()), unless(4, c.row_ptr.data()), ignored);
             const auto expected = [&](unsigned bit, const auto& old, const auto& written) {
-                return (null & bit) != 0 || (stage == 2 && null != 1) ? old : written;
+                return (null & bit) != 0 || (t.stage == 2 && null != 1) ? old : written;
             };
-            EXPECT_EQ(c.val, expected(1, before->val, after->val));
-            EXPECT_EQ(c.col_ind, expected(2, before->col_ind, after->col_ind));
-            EXPECT_EQ(c.row_ptr, expected(4, before->row_ptr, after->row_ptr));
+            EXPECT_EQ(c.val, expected(1, t.before.val, t.after.val));
+            EXPECT_EQ(c.col_ind, expected(2, t.before.col_ind, t.after.col_ind));
+            EXPECT_EQ(c.row_ptr, expected(4, t.before.row_ptr, t.after.row_ptr));
         }
     }
 }

@@ -76,7 +76,7 @@ find_package_handle_standard_args(MklIlp64
     VERSION_VAR MklIlp64_VERSION
     REASON_FAILURE_MESSAGE "${mkl_reason}")
 
-if(MklIlp64_VERSION MATCHES "^2022\\.0\\.")
+if(MklIlp64_VERSION MATCHES "^2022\\.0(\\.|$)")
     message(WARNING "oneMKL ${MklIlp64_VERSION} ends a process with MKL_ENABLE_INSTRUCTIONS=SSE4_2 in its first "
         "product, without a message. Other releases do not.")
 endif()

@@ -64,34 +64,26 @@ T greatest(T value, MPI_Datatype type) {
     return value;
 }
 
-// What PETSc said first about an error, without its traceback.
-class PetscMessages {
-public:
-    PetscMessages() {
-        const auto keep = [](MPI_Comm, int, const char*, const char*, PetscErrorCode code, PetscErrorType type,
-                             const char* message, void* kept) {
-            if (type == PETSC_ERROR_INITIAL) {
-                const std::string text = message == nullptr ? "" : message;
-                *static_cast<std::string*>(kept) = text.substr(0, std::min<std::size_t>(text.find('\n'), 160));
-            }
-            return code;
-        };
-        check(PetscPushErrorHandler(keep, &message_));
-    }
-    ~PetscMessages() { check(PetscPopErrorHandler()); }
-    PetscMessages(const PetscMessages&) = delete;
-    PetscMessages& operator=(const PetscMessages&) = delete;
-
-    // For calls that fail on all ranks or on none, as those that read options do.
-    void throw_if(PetscErrorCode code) const {
-        if (code != 0) {
-            throw std::runtime_error("PETSc: " + message_);
+// Throws what PETSc says first about an error, without its traceback. For calls that fail on all ranks or on none,
+// as those that read options do.
+template <class Call>
+void throw_if_fails(Call call) {
+    const auto keep = [](MPI_Comm, int, const char*, const char*, PetscErrorCode code, PetscErrorType type,
+                         const char* message, void* kept) {
+        if (type == PETSC_ERROR_INITIAL) {
+            const std::string text = message == nullptr ? "" : message;
+            *static_cast<std::string*>(kept) = text.substr(0, std::min<std::size_t>(text.find('\n'), 160));
         }
+        return code;
+    };
+    std::string message;
+    check(PetscPushErrorHandler(keep, &message));
+    const PetscErrorCode code = call();
+    check(PetscPopErrorHandler());
+    if (code != 0) {
+        throw std::runtime_error("PETSc: " + message);
     }
-
-private:
-    std::string message_;
-};
+}
 
 // Shows the iterations. The ranks write to pipes of mpirun's, so run-ranks says how wide the terminal is.
 class SolverProgress {
@@ -120,7 +112,7 @@ bool petsc_prints(const Options& options) {
 }
 
 // A solver as the options want it, by default conjugate gradients or BiCGStab.
-KSP make_solver(Mat aij, const DistributedOperator& a, bool symmetric, const PetscMessages& petsc) {
+KSP make_solver(Mat aij, const DistributedOperator& a, bool symmetric) {
     KSP solver = nullptr;
     PC preconditioner = nullptr;
     check(KSPCreate(PETSC_COMM_WORLD, &solver));
@@ -129,13 +121,13 @@ KSP make_solver(Mat aij, const DistributedOperator& a, bool symmetric, const Pet
     check(KSPSetTolerances(solver, solver_tolerance, PETSC_DEFAULT, PETSC_DEFAULT, PETSC_DEFAULT));
     check(KSPGetPC(solver, &preconditioner));
     check(PCSetType(preconditioner, PCJACOBI));
-    petsc.throw_if(KSPSetFromOptions(solver));
-    petsc.throw_if(KSPSetUp(solver));
+    throw_if_fails([&] { return KSPSetFromOptions(solver); });
+    throw_if_fails([&] { return KSPSetUp(solver); });
     return solver;
 }
 
 // Solves for a right-hand side whose solution is all ones. Returns whether the solver converged.
-bool solve(Mat aij, DistributedOperator& a, bool symmetric, const Options& options, const PetscMessages& petsc) {
+bool solve(Mat aij, DistributedOperator& a, bool symmetric, const Options& options) {
     Vec x = nullptr;
     Vec b = nullptr;
     KSPType name = nullptr;
@@ -144,7 +136,7 @@ bool solve(Mat aij, DistributedOperator& a, bool symmetric, const Options& optio
     Int iterations = 0;
     double residual = 0;
     double size = 0;
-    KSP solver = make_solver(aij, a, symmetric, petsc);
+    KSP solver = make_solver(aij, a, symmetric);
     check(MatCreateVecs(aij, &x, &b));
     check(VecSet(x, 1.0));
     a.multiply(x, b);
@@ -155,7 +147,7 @@ bool solve(Mat aij, DistributedOperator& a, bool symmetric, const Options& optio
         if (!petsc_prints(options)) {
             progress.emplace(solver);
         }
-        petsc.throw_if(KSPSolve(solver, b, x));
+        throw_if_fails([&] { return KSPSolve(solver, b, x); });
     }
     const double seconds = MPI_Wtime() - start;
     check(KSPGetType(solver, &name));
@@ -302,8 +294,7 @@ private:
     bool agrees_ = true;
 };
 
-// The matrix, on rank 0, with a line that describes it, or none if it cannot be had. All ranks get to know
-// whether it is there and symmetric.
+// The matrix, which rank 0 holds. All ranks know whether it could be read and whether it is symmetric.
 struct Source {
     EigenMatrix matrix;
     bool usable = false;
@@ -351,7 +342,6 @@ void expect_all_options_used(const Options& options) {
 
 // The exit status.
 int run(const Options& options) {
-    const PetscMessages petsc;
     Source source = read_matrix(options);
     if (!source.usable) {
         return 1;
@@ -366,7 +356,7 @@ int run(const Options& options) {
     {
         DistributedOperator a(aij);
         if (rows == columns) {
-            converged = solve(aij, a, source.symmetric, options, petsc);
+            converged = solve(aij, a, source.symmetric, options);
         } else {
             print(stdout, "rectangular: no system to solve\n\n");
         }

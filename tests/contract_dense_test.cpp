@@ -1,9 +1,7 @@
 // The ten sparse-by-dense entries and the thread count, call by call, against a scripted MKL.
 
-#include "dense_entries.h"
+#include "entries.h"
 #include "scripted_mkl.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
@@ -13,7 +11,6 @@ namespace {
 constexpr Int two_to_32 = Int{1} << 32;
 constexpr Int ldb = two_to_32 + 9;
 constexpr Int ldc = two_to_32 + 8;
-constexpr double untouched = -7.25;
 
 double val[1];
 Int col_ind[1];

@@ -1,9 +1,7 @@
 // The two sparse-by-sparse entries, call by call, against a scripted MKL.
 
-#include "csr_products.h"
+#include "entries.h"
 #include "scripted_mkl.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <numeric>
@@ -12,21 +10,13 @@
 
 namespace {
 
-using Int = std::int64_t;
-
 constexpr Int two_to_32 = Int{1} << 32;
 constexpr Int m = 3;
 constexpr Int k = 4 + two_to_32; // dimensions beyond 32 bits
 constexpr Int n = 5;
-constexpr Int guard = 8; // elements behind every output
-constexpr Int untouched = -77;
 
-double a_val[1];
-Int a_col_ind[1];
-Int a_row_ptr[m + 1];
-double b_val[1];
-Int b_col_ind[1];
-Int b_row_ptr[n + 1];
+CsrArrays a(1, m + 1);
+CsrArrays b(1, n + 1);
 
 // Scripts the wraps of A, B and C, those whose bit is set failing, and returns what they leave.
 std::vector<sparse_matrix_t> script_wraps(unsigned failing, bool null_after_failure) {
@@ -40,8 +30,8 @@ std::vector<sparse_matrix_t> script_wraps(unsigned failing, bool null_after_fail
     return handles;
 }
 
-std::string create(Int rows, Int cols, const double* val, const Int* col_ind, const Int* row_ptr) {
-    return call_text("create", 0, 1, rows, cols, row_ptr, row_ptr + 1, col_ind, val);
+std::string create(Int rows, Int cols, const CsrOperand& arrays) {
+    return call_text("create", 0, 1, rows, cols, arrays.row_ptr, arrays.row_ptr + 1, arrays.col_ind, arrays.val);
 }
 
 // The output holds the first `copied` elements of the source, then zeros up to `written`, and what it held
@@ -54,25 +44,12 @@ void expect_copied(const std::vector<T>& output, const std::vector<T>& source, I
     EXPECT_EQ(output, expected);
 }
 
-struct CsrOutput {
-    explicit CsrOutput(Int elements = m * n, Int row_pointers = m + 1)
-        : val(static_cast<std::size_t>(elements + guard), untouched), col_ind(val.size(), untouched),
-          row_ptr(static_cast<std::size_t>(row_pointers + guard), untouched) {}
-
-    // With the named output array null.
-    void multiply(Int stage = 0, Int rows = m, Int columns = n, std::string_view null = "") {
-        Int ignored_result = untouched;
-        spgmatspgmattr_mkl_int64_new(stage, rows, k, columns, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr,
-                                     -1, null == "val" ? nullptr : val.data(),
-                                     null == "col_ind" ? nullptr : col_ind.data(),
-                                     null == "row_ptr" ? nullptr : row_ptr.data(), ignored_result);
-        EXPECT_EQ(ignored_result, untouched);
-    }
-
-    std::vector<double> val;
-    std::vector<Int> col_ind;
-    std::vector<Int> row_ptr;
-};
+// With the named output array null.
+void multiply(CsrArrays& c, Int stage = 0, Int rows = m, Int columns = n, std::string_view null = "") {
+    multiply_csr(stage, rows, k, columns, a, b,
+                 {null == "val" ? nullptr : c.val.data(), null == "col_ind" ? nullptr : c.col_ind.data(),
+                  null == "row_ptr" ? nullptr : c.row_ptr.data()});
+}
 
 TEST(SparseContract, DenseResultCallByCall) {
     for (unsigned failing = 0; failing < 4; ++failing) {
@@ -81,10 +58,8 @@ TEST(SparseContract, DenseResultCallByCall) {
             const auto handles = script_wraps(failing, null);
             mkl.product_status = failing != 0 ? SPARSE_STATUS_NOT_INITIALIZED : SPARSE_STATUS_SUCCESS;
             std::vector<double> c(m * n + guard, untouched);
-            spgmatspgmattr_gmat_mkl_int64_new(two_to_32 + m, k, two_to_32 + n, a_val, a_col_ind, a_row_ptr, b_val,
-                                              b_col_ind, b_row_ptr, c.data());
-            const std::vector<std::string> expected{create(two_to_32 + m, k, a_val, a_col_ind, a_row_ptr),
-                                                    create(two_to_32 + n, k, b_val, b_col_ind, b_row_ptr),
+            multiply_dense(two_to_32 + m, k, two_to_32 + n, a, b, c.data());
+            const std::vector<std::string> expected{create(two_to_32 + m, k, a), create(two_to_32 + n, k, b),
                                                     call_text("sp2md", 10, "20/40/50", handles[0], 11, "20/40/50",
                                                               handles[1], 1, 0, c.data(), 102, two_to_32 + m),
                                                     call_text("destroy", handles[1]), call_text("destroy", handles[0])};
@@ -106,12 +81,12 @@ TEST(SparseContract, CsrResultCallByCall) {
                 mkl.product_handle = replaced ? fake_handle(0xd0) : nullptr;
                 mkl.product_status = replaced ? SPARSE_STATUS_SUCCESS : SPARSE_STATUS_INTERNAL_ERROR;
                 const sparse_matrix_t slot = replaced ? fake_handle(0xd0) : handles[2];
-                CsrOutput c;
-                c.multiply(stage, rows, columns);
+                CsrArrays c(m * n, m + 1);
+                multiply(c, stage, rows, columns);
                 const std::vector<std::string> expected{
-                    create(rows, k, a_val, a_col_ind, a_row_ptr),
-                    create(columns, k, b_val, b_col_ind, b_row_ptr),
-                    create(rows, columns, c.val.data(), c.col_ind.data(), c.row_ptr.data()),
+                    create(rows, k, a),
+                    create(columns, k, b),
+                    create(rows, columns, c),
                     call_text("sp2m", 10, "20/40/50", handles[0], 11, "20/40/50", handles[1], request, handles[2]),
                     call_text("export", slot, 1, rows, columns, 0, 0, 0, 0),
                     call_text("destroy", slot),
@@ -139,10 +114,10 @@ TEST(SparseContract, RequestOfAFinish) {
         for (const char* null : {"", "row_ptr", "col_ind"}) {
             SCOPED_TRACE(call_text("stage", t.stage, t.m, "x", t.n, "state", t.row_ptr, t.col_ind, "null", null));
             script_wraps(0, false);
-            CsrOutput c;
+            CsrArrays c(m * n, m + 1);
             c.row_ptr[0] = t.row_ptr;
             c.col_ind[0] = t.col_ind;
-            c.multiply(t.stage, t.m, t.n, null);
+            multiply(c, t.stage, t.m, t.n, null);
             const int request = t.stage == 2 && null[0] != '\0' ? 92 : t.request;
             EXPECT_EQ(mkl.calls.at(3), call_text("sp2m", 10, "20/40/50", fake_handle(0xa0), 11, "20/40/50",
                                                  fake_handle(0xb0), request, fake_handle(0xc0)));
@@ -163,8 +138,8 @@ TEST(SparseContract, CopyRunsOverMTimesNAndIsZeroBeyondTheStoredEntries) {
                  {-3, -5, 3, 15, 4, 15, 15},     {two_to_62 + 3, 4, 3, 15, 4, 12, 12}};
     for (const auto& t : cases) {
         // Arrays of exactly as many elements as are exported, for AddressSanitizer.
-        std::vector<Int> rows_start(static_cast<std::size_t>(std::max<Int>(t.rows, 0) + 1));
-        std::vector<Int> col_indx(static_cast<std::size_t>(std::max<Int>(t.stored, 0)));
+        std::vector<Int> rows_start(size(std::max<Int>(t.rows, 0) + 1));
+        std::vector<Int> col_indx(size(std::max<Int>(t.stored, 0)));
         std::vector<double> values(col_indx.size());
         std::iota(rows_start.begin(), rows_start.end(), 3);
         rows_start.back() = rows_start.front() + t.stored;
@@ -179,8 +154,8 @@ TEST(SparseContract, CopyRunsOverMTimesNAndIsZeroBeyondTheStoredEntries) {
             script_wraps(0, false);
             mkl.result = {t.rows, exported("rows_start", rows_start.data()), exported("col_indx", col_indx.data()),
                           exported("values", values.data())};
-            CsrOutput c(t.written, t.row_pointers);
-            c.multiply(0, t.m, t.n, null);
+            CsrArrays c(t.written, t.row_pointers);
+            multiply(c, 0, t.m, t.n, null);
             const Int row_pointers = unless_null("rows_start", unless_null("row_ptr", t.row_pointers));
             const Int entries = unless_null("col_indx", unless_null("values", t.entries));
             const Int written = unless_null("rows_start", t.written);
@@ -194,7 +169,7 @@ TEST(SparseContract, CopyRunsOverMTimesNAndIsZeroBeyondTheStoredEntries) {
 
 TEST(SparseContract, OnlyTheCallersArraysAreKeptWhenMklFrees) {
     using Freed = std::vector<const void*>;
-    CsrOutput c;
+    CsrArrays c(m * n, m + 1);
     double other = 0;
     const Freed everything{c.val.data(), c.col_ind.data(), c.row_ptr.data(), &other};
     const auto freed_now = [&] {
@@ -210,7 +185,7 @@ TEST(SparseContract, OnlyTheCallersArraysAreKeptWhenMklFrees) {
     };
     script_wraps(0, false);
     mkl.on_product = mkl.on_destroy = expect_kept;
-    c.multiply(2);
+    multiply(c, 2);
     EXPECT_EQ(mkl.calls.size(), 8U);
     EXPECT_EQ(freed_now(), everything) << "the call left state behind";
 }

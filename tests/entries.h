@@ -2,10 +2,20 @@
 
 #include "csr_products.h"
 
+#include <gtest/gtest.h>
+
 #include <functional>
+#include <tuple>
 #include <vector>
 
 using Int = std::int64_t;
+
+inline std::size_t size(Int count) {
+    return static_cast<std::size_t>(count);
+}
+
+constexpr Int untouched = -77;
+constexpr Int guard = 8; // elements behind every output
 
 // One sparse-by-dense entry: what it passes on, in MKL's numbers, and a call that takes the same
 // arguments for all of them. The short entries ignore the leading dimensions, the vector entries n too.
@@ -50,3 +60,37 @@ inline const std::vector<DenseEntry> dense_entries{
     {"spgmatgvec G", DenseEntry::vector_form, 10, "20/42/50", 0.0, call_vector(spgmatgvec_mkl_G_int64)},
     {"spgmatgvecsum G", DenseEntry::vector_form, 10, "20/42/50", 1.0, call_vector(spgmatgvecsum_mkl_G_int64)},
 };
+
+struct CsrOperand {
+    double* val;
+    Int* col_ind;
+    Int* row_ptr;
+};
+
+struct CsrArrays {
+    std::vector<double> val;
+    std::vector<Int> col_ind, row_ptr;
+
+    CsrArrays() = default;
+
+    // An output: room for so many elements, and a guard behind each array.
+    CsrArrays(Int entries, Int row_pointers)
+        : val(size(entries + guard), untouched), col_ind(val.size(), untouched),
+          row_ptr(size(row_pointers + guard), untouched) {}
+
+    operator CsrOperand() { return {val.data(), col_ind.data(), row_ptr.data()}; }
+    bool operator==(const CsrArrays& other) const {
+        return std::tie(val, col_ind, row_ptr) == std::tie(other.val, other.col_ind, other.row_ptr);
+    }
+};
+
+inline void multiply_dense(Int m, Int k, Int n, CsrOperand a, CsrOperand b, double* c) {
+    spgmatspgmattr_gmat_mkl_int64_new(m, k, n, a.val, a.col_ind, a.row_ptr, b.val, b.col_ind, b.row_ptr, c);
+}
+
+inline void multiply_csr(Int stage, Int m, Int k, Int n, CsrOperand a, CsrOperand b, CsrOperand c) {
+    Int ignored_result = untouched;
+    spgmatspgmattr_mkl_int64_new(stage, m, k, n, a.val, a.col_ind, a.row_ptr, b.val, b.col_ind, b.row_ptr, -1, c.val,
+                                 c.col_ind, c.row_ptr, ignored_result);
+    EXPECT_EQ(ignored_result, untouched);
+}

@@ -2,26 +2,18 @@
 // wrap clears, and leading dimensions beyond 2^32. The arrays take little memory: one block is mapped again and again
 // over the addresses of an array, so that its elements repeat with a period. Slow, and left out of scripts/test.
 
-#include "csr_products.h"
-
-#include <gtest/gtest.h>
+#include "entries.h"
 
 #include <algorithm>
+#include <set>
 #include <sys/mman.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
-
-using Int = std::int64_t;
 
 constexpr Int period = Int{1} << 23; // elements of 8 bytes: 64 MB
 constexpr Int two_to_31 = Int{1} << 31;
 constexpr Int two_to_32 = Int{1} << 32;
-
-std::size_t size(Int count) {
-    return static_cast<std::size_t>(count);
-}
 
 // `count` elements, a multiple of the period. The first block of an output has memory of its own.
 template <class T>
@@ -50,184 +42,158 @@ private:
     T* data_;
 };
 
-// A matrix of full rows, 4096 entries each, that repeat with the period.
-struct ManyEntries {
-    const Int cols = 4096;
-    const Int rows_of_period = period / cols;
-    const Int rows = (two_to_31 + period) / cols;
-
-    Repeated<double> val{rows * cols};
-    Repeated<Int> col_ind{rows * cols};
-    std::vector<Int> row_ptr = std::vector<Int>(size(rows + 1));
-
-    ManyEntries() {
-        for (Int p = 0; p < period; ++p) {
-            val[p] = static_cast<double>(p * 7 / 3 % 5 + 1);
-            col_ind[p] = p % cols + 1;
-        }
-        std::generate(row_ptr.begin(), row_ptr.end(), [this, next = 1 - cols]() mutable { return next += cols; });
-    }
-
-    // A*x for the rows of one period.
-    std::vector<double> times(const double* x) const {
-        std::vector<double> y(size(rows_of_period));
-        for (Int p = 0; p < period; ++p) {
-            y[size(p / cols)] += val[p] * x[p % cols];
-        }
-        return y;
-    }
-};
-
-std::vector<double> small_integers(Int count) {
-    std::vector<double> values(size(count));
-    std::generate(values.begin(), values.end(), [i = 0]() mutable { return double(i++ * 5 % 7 + 1); });
-    return values;
-}
-
+// Full rows, which repeat with the period.
 TEST(Entries, Products) {
-    ManyEntries a;
-    const auto multiply = [&](auto entry, auto&... arguments) {
-        entry(a.val.data(), a.col_ind.data(), a.row_ptr.data(), arguments...);
-    };
+    constexpr Int cols = 4096;
+    constexpr Int rows_of_period = period / cols;
+    constexpr Int periods = two_to_31 / period + 1;
+    constexpr Int rows = periods * rows_of_period;
     constexpr Int n = 2;
-    std::vector<double> b = small_integers(a.cols * n);
-    std::vector<double> c(size(a.rows * n), -1.0);
+    const Repeated<double> val(rows * cols);
+    const Repeated<Int> col_ind(rows * cols);
+    std::vector<Int> row_ptr;
+    for (Int p = 0; p < period; ++p) {
+        val[p] = double(p * 7 / 3 % 5 + 1);
+        col_ind[p] = p % cols + 1;
+    }
+    for (Int i = 0; i <= rows; ++i) {
+        row_ptr.push_back(i * cols + 1);
+    }
+    std::vector<double> b;
+    for (Int i = 0; i < cols * n; ++i) {
+        b.push_back(double(i * 5 % 7 + 1));
+    }
+    std::vector<double> c(size(rows * n), -1.0);
     double* const x = b.data();
     double* const y = c.data();
+    const auto multiply = [&](auto entry, auto... arguments) {
+        entry(val.data(), col_ind.data(), row_ptr.data(), arguments...);
+    };
     const auto expect = [&](Int columns, double times) {
         for (Int j = 0; j < columns; ++j) {
-            const std::vector<double> expected = a.times(x + j * a.cols);
-            for (Int i = 0; i < a.rows; ++i) {
-                ASSERT_EQ(y[i + j * a.rows], times * expected[size(i % a.rows_of_period)]) << i << ", " << j;
+            std::vector<double> expected(rows_of_period);
+            for (Int p = 0; p < period; ++p) {
+                expected[size(p / cols)] += times * val[p] * x[p % cols + j * cols];
+            }
+            for (Int i = 0; i < rows; ++i) {
+                ASSERT_EQ(y[i + j * rows], expected[size(i % rows_of_period)]) << i << ", " << j;
             }
         }
     };
-    multiply(spgmatgvec_mkl_G_int64, x, a.rows, a.cols, y);
+    multiply(spgmatgvec_mkl_G_int64, x, rows, cols, y);
     expect(1, 1);
-    multiply(spgmatgvecsum_mkl_G_int64, x, a.rows, a.cols, y);
+    multiply(spgmatgvecsum_mkl_G_int64, x, rows, cols, y);
     expect(1, 2);
-    multiply(static_cast<decltype(&spgmattrgmat_mkl_G_int64)>(spgmatgmat_mkl_G_int64), x, a.rows, a.cols, n, y);
+    multiply(static_cast<decltype(&spgmattrgmat_mkl_G_int64)>(spgmatgmat_mkl_G_int64), x, rows, cols, n, y);
     expect(n, 1);
 
-    std::vector<double> rows = small_integers(a.rows);
-    std::vector<double> sums(size(a.rows_of_period)); // over the equal rows of A
-    for (Int i = 0; i < a.rows; ++i) {
-        sums[size(i % a.rows_of_period)] += rows[size(i)];
+    for (Int i = 0; i < rows; ++i) {
+        y[i] = double(i % rows_of_period % 11 + 1);
     }
-    std::vector<double> expected(size(a.cols));
+    std::vector<double> expected(cols);
     for (Int p = 0; p < period; ++p) {
-        expected[size(p % a.cols)] += a.val[p] * sums[size(p / a.cols)];
+        expected[size(p % cols)] += double(periods) * val[p] * y[p / cols];
     }
-    double* const z = rows.data();
-    constexpr Int one = 1;
-    multiply(spgmattrgmat_mkl_G_int64, z, a.rows, a.cols, one, x);
-    EXPECT_EQ(std::vector<double>(x, x + a.cols), expected);
+    multiply(spgmattrgmat_mkl_G_int64, y, rows, cols, 1, x);
+    EXPECT_EQ(std::vector<double>(x, x + cols), expected);
 }
 
 TEST(LeadingDimensions, BeyondTwoTo32) {
     constexpr Int ld = two_to_32 + period;
-    std::vector<double> val{2, 3, 5};
-    std::vector<Int> col_ind{1, 2, 2};
-    std::vector<Int> row_ptr{1, 3, 4};
+    double val[] = {2, 3, 5}; // (2 3; 0 5)
+    Int col_ind[] = {1, 2, 2};
+    Int row_ptr[] = {1, 3, 4};
     const Repeated<double> b(2 * ld);
     const Repeated<double> c(2 * ld, Repeated<double>::output);
     b[0] = 1;
     b[1] = 2;
-    for (const bool symmetric : {false, true}) {
-        (symmetric ? static_cast<decltype(&spgmatgmatsum_mkl_G_int64)>(spgmatgmat_mkl_S_int64)
-                   : spgmatgmatsum_mkl_G_int64)(val.data(), col_ind.data(), row_ptr.data(), b.data(), ld, 2, 2, 2,
-                                                c.data(), ld);
-        for (const Int column : {Int{0}, ld}) {
-            EXPECT_EQ(c[column], 8) << symmetric;
-            EXPECT_EQ(c[column + 1], symmetric ? 13 : 10) << symmetric;
-            EXPECT_EQ(c[column + 2], 0) << symmetric;
+    for (const DenseEntry& e : dense_entries) {
+        if (e.form == DenseEntry::long_form) {
+            c[ld] = c[ld + 1] = c[0] = c[1] = 1;
+            e.call(val, col_ind, row_ptr, b.data(), ld, 2, 2, 2, c.data(), ld);
+            for (const Int column : {Int{0}, ld}) {
+                EXPECT_EQ(c[column], 8 + e.beta) << e.name;
+                EXPECT_EQ(c[column + 1], (e.preset[1] == '1' ? 13 : 10) + e.beta) << e.name;
+                EXPECT_EQ(c[column + 2], 0) << e.name;
+            }
         }
     }
 }
-
-// One entry in each of the first and the last rows, i % 8 + 1 in column i % 4, and none in the others.
-struct OneEntryARow {
-    const Int cols = 4;
-    Int rows, first, last;
-    std::vector<double> val;
-    std::vector<Int> col_ind, row_ptr{1};
-
-    OneEntryARow(Int rows_, Int first_, Int last_ = 0) : rows(rows_), first(first_), last(last_) {
-        for (Int i = 0; i < rows; ++i) {
-            if (is_stored(i)) {
-                val.push_back(double(i % 8 + 1));
-                col_ind.push_back(i % cols + 1);
-            }
-            row_ptr.push_back(Int(val.size()) + 1);
-        }
-    }
-    bool is_stored(Int i) const { return i < first || i >= rows - last; }
-    double element(Int i, Int j) const { return is_stored(i) && j == i % cols ? double(i % 8 + 1) : 0.0; }
-};
 
 constexpr Int result_rows = Int{1} << 14;
 constexpr Int result_columns = (two_to_31 + 2 * period) / result_rows;
 constexpr Int columns_of_period = period / result_rows;
 
-TEST(Elements, MatrixProduct) {
-    OneEntryARow a(result_rows, result_rows);
-    std::vector<double> b(size(a.cols * result_columns));
-    for (Int p = 0; p < a.cols * result_columns; ++p) {
-        b[size(p)] = double(p % (a.cols * columns_of_period) % 11 + 1);
+// One entry in each of the first rows and of the last ones: i % 8 + 1 in column i % 4.
+struct OneEntryARow : CsrArrays {
+    OneEntryARow(Int rows, Int at_each_end) {
+        for (Int i = 0; i < rows; ++i) {
+            row_ptr.push_back(Int(val.size()) + 1);
+            if (i < at_each_end || i >= rows - at_each_end) {
+                val.push_back(double(i % 8 + 1));
+                col_ind.push_back(i % 4 + 1);
+            }
+        }
+        row_ptr.push_back(Int(val.size()) + 1);
     }
-    const Repeated<double> c(result_rows * result_columns, Repeated<double>::output);
-    spgmatgmat_mkl_G_int64(a.val.data(), a.col_ind.data(), a.row_ptr.data(), b.data(), a.rows, a.cols, result_columns,
-                           c.data());
-    for (Int p = 0; p < 2 * period; ++p) { // the block of its own, and the shared one
-        const Int i = p % result_rows;
-        ASSERT_EQ(c[p], a.val[size(i)] * b[size(i % a.cols + p / result_rows * a.cols)]) << p;
+};
+
+// A result in memory of its own for its first columns; the others share theirs.
+struct Elements : testing::Test {
+    OneEntryARow a{result_rows, result_rows};
+    OneEntryARow b{result_columns, columns_of_period};
+    Repeated<double> c{result_rows * result_columns, Repeated<double>::output};
+
+    // An element of A*B^T.
+    static double product(Int i, Int j) {
+        const bool stored = j < columns_of_period || j >= result_columns - columns_of_period;
+        return stored && i % 4 == j % 4 ? double((i % 8 + 1) * (j % 8 + 1)) : 0.0;
     }
+
+    template <class Expected>
+    void expect_first_and_last_columns(Expected expected) {
+        for (const Int first : {Int{0}, result_rows * result_columns - period}) {
+            for (Int p = first; p < first + period; ++p) {
+                ASSERT_EQ(c[p], expected(p % result_rows, p / result_rows)) << p;
+            }
+        }
+    }
+};
+
+TEST_F(Elements, MatrixProduct) {
+    std::vector<double> dense;
+    for (Int p = 0; p < 4 * result_columns; ++p) {
+        dense.push_back(double(p % (4 * columns_of_period) % 11 + 1));
+    }
+    spgmatgmat_mkl_G_int64(a.val.data(), a.col_ind.data(), a.row_ptr.data(), dense.data(), result_rows, 4,
+                           result_columns, c.data());
+    expect_first_and_last_columns([&](Int i, Int j) { return double(i % 8 + 1) * dense[size(i % 4 + j * 4)]; });
 }
 
 // MKL adds into C, so of the columns that share memory only the last ones have entries.
-TEST(Elements, TransposedDense) {
-    OneEntryARow a(result_rows, result_rows);
-    OneEntryARow b(result_columns, columns_of_period, columns_of_period);
-    const Repeated<double> c(result_rows * result_columns, Repeated<double>::output);
-    spgmatspgmattr_gmat_mkl_int64_new(a.rows, a.cols, b.rows, a.val.data(), a.col_ind.data(), a.row_ptr.data(),
-                                      b.val.data(), b.col_ind.data(), b.row_ptr.data(), c.data());
-    for (const Int first : {Int{0}, result_columns - columns_of_period}) {
-        for (Int p = first * result_rows; p < first * result_rows + period; ++p) {
-            const Int i = p % result_rows;
-            const Int j = p / result_rows;
-            ASSERT_EQ(c[p], a.val[size(i)] * b.element(j, i % a.cols)) << i << ", " << j;
-        }
-    }
+TEST_F(Elements, TransposedDense) {
+    multiply_dense(result_rows, 4, result_columns, a, b, c.data());
+    expect_first_and_last_columns(product);
 }
 
-// Few entries: they stand in the first block, and zeros follow them.
-TEST(Elements, TransposedCsr) {
-    constexpr Int stored = 1000;
-    OneEntryARow a(result_rows, stored);
-    OneEntryARow b(result_columns, stored);
-    const Repeated<double> val(result_rows * result_columns, Repeated<double>::output);
+// The entries stand in the first block, and zeros follow them.
+TEST_F(Elements, TransposedCsr) {
     const Repeated<Int> col_ind(result_rows * result_columns, Repeated<Int>::output);
-    val[2 * period] = 1.0;
+    std::vector<Int> row_ptr(result_rows + 1);
+    c[2 * period] = 1.0;
     col_ind[2 * period] = 1;
-    std::vector<Int> row_ptr(size(result_rows + 1));
-    Int ignored = 0;
-    spgmatspgmattr_mkl_int64_new(0, a.rows, a.cols, b.rows, a.val.data(), a.col_ind.data(), a.row_ptr.data(),
-                                 b.val.data(), b.col_ind.data(), b.row_ptr.data(), 0, val.data(), col_ind.data(),
-                                 row_ptr.data(), ignored);
+    multiply_csr(0, result_rows, 4, result_columns, a, b, {c.data(), col_ind.data(), row_ptr.data()});
     Int p = 0;
-    for (Int i = 0; i < stored; ++i) {
-        std::vector<double> row(size(stored));
+    for (Int i = 0; i < result_rows; ++i) {
+        std::set<Int> columns;
         for (; p < row_ptr[size(i) + 1] - 1; ++p) {
-            row.at(size(col_ind[p] - 1)) += val[p];
+            columns.insert(col_ind[p]);
+            ASSERT_EQ(c[p], product(i, col_ind[p] - 1)) << i << ", " << col_ind[p];
         }
-        for (Int j = 0; j < stored; ++j) {
-            ASSERT_EQ(row[size(j)], a.val[size(i)] * b.element(j, i % a.cols)) << i << ", " << j;
-        }
+        ASSERT_EQ(Int(columns.size()), 2 * columns_of_period / 4);
     }
-    EXPECT_EQ(p, stored * stored / a.cols);
-    EXPECT_EQ(row_ptr.back(), p + 1);
     for (; p < 2 * period; ++p) {
-        ASSERT_TRUE(val[p] == 0.0 && col_ind[p] == 0) << p;
+        ASSERT_TRUE(c[p] == 0.0 && col_ind[p] == 0) << p;
     }
 }
 

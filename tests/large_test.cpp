@@ -12,8 +12,6 @@
 namespace {
 
 constexpr Int period = Int{1} << 23; // elements of 8 bytes: 64 MB
-constexpr Int two_to_31 = Int{1} << 31;
-constexpr Int two_to_32 = Int{1} << 32;
 
 // `count` elements, a multiple of the period. The first block of an output has memory of its own.
 template <class T>
@@ -66,9 +64,6 @@ TEST(Entries, Products) {
     std::vector<double> c(size(rows * n), -1.0);
     double* const x = b.data();
     double* const y = c.data();
-    const auto multiply = [&](auto entry, auto... arguments) {
-        entry(val.data(), col_ind.data(), row_ptr.data(), arguments...);
-    };
     const auto expect = [&](Int columns, double times) {
         for (Int j = 0; j < columns; ++j) {
             std::vector<double> expected(rows_of_period);
@@ -80,11 +75,11 @@ TEST(Entries, Products) {
             }
         }
     };
-    multiply(spgmatgvec_mkl_G_int64, x, rows, cols, y);
+    spgmatgvec_mkl_G_int64(val.data(), col_ind.data(), row_ptr.data(), x, rows, cols, y);
     expect(1, 1);
-    multiply(spgmatgvecsum_mkl_G_int64, x, rows, cols, y);
+    spgmatgvecsum_mkl_G_int64(val.data(), col_ind.data(), row_ptr.data(), x, rows, cols, y);
     expect(1, 2);
-    multiply(static_cast<decltype(&spgmattrgmat_mkl_G_int64)>(spgmatgmat_mkl_G_int64), x, rows, cols, n, y);
+    spgmatgmat_mkl_G_int64(val.data(), col_ind.data(), row_ptr.data(), x, rows, cols, n, y);
     expect(n, 1);
 
     for (Int i = 0; i < rows; ++i) {
@@ -94,7 +89,7 @@ TEST(Entries, Products) {
     for (Int p = 0; p < period; ++p) {
         expected[size(p % cols)] += double(periods) * val[p] * y[p / cols];
     }
-    multiply(spgmattrgmat_mkl_G_int64, y, rows, cols, 1, x);
+    spgmattrgmat_mkl_G_int64(val.data(), col_ind.data(), row_ptr.data(), y, rows, cols, 1, x);
     EXPECT_EQ(std::vector<double>(x, x + cols), expected);
 }
 

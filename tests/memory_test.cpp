@@ -40,10 +40,10 @@ void multiply(int stage, CsrArrays& a, CsrArrays& c) {
 TEST(OutOfMemory, OutputsStayAndTheNextProductIsRight) {
     CsrArrays a(n * n, n + 1);
     for (Int i = 0; i <= n; ++i) {
-        a.row_ptr[i] = i * n + 1;
+        a.row_ptr[size(i)] = i * n + 1;
     }
     for (Int p = 0; p < n * n; ++p) {
-        a.col_ind[p] = p % n + 1;
+        a.col_ind[size(p)] = p % n + 1;
     }
     const CsrArrays unwritten(n * n, n + 1);
     CsrArrays product = unwritten;

@@ -4,18 +4,18 @@
 #include "entries.h"
 
 #include <algorithm>
+#include <cfenv>
 #include <cmath>
 #include <filesystem>
+#include <future>
 #include <limits>
 #include <pthread.h>
 #include <random>
 #include <sys/mman.h>
-#include <thread>
 
 namespace {
 
 using Dense = std::vector<double>; // column-major
-using Indices = std::vector<Int>;
 
 constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 
@@ -127,6 +127,9 @@ void expect_dense_products(const Csr& a, Int n) {
 }
 
 TEST(DenseProducts, AgreeWithPlainLoops) {
+    feenableexcept(FE_DIVBYZERO | FE_INVALID | FE_OVERFLOW);
+    fenv_t with_traps; // disabled from here on: MKL computes 0/0 where a matrix has fewer rows than there are threads
+    feholdexcept(&with_traps);
     for (const auto& [m, k] : {std::pair<Int, Int>{1, 1}, {4, 4}, {50, 50}, {300, 40}, {40, 300}}) {
         for (const double density : {0.0, 0.02, 0.3, 1.0}) {
             for (const Int n : {1, 2, 9, 17, 33}) {
@@ -209,18 +212,7 @@ struct CsrOutput : Csr {
         };
         EXPECT_TRUE(is_tail(val));
         EXPECT_TRUE(is_tail(col_ind));
-        EXPECT_EQ(Indices(row_ptr.end() - guard, row_ptr.end()), Indices(guard, untouched));
-    }
-
-    // Keeps the stored entries alone, in arrays that hold no more.
-    void compress() {
-        val = Dense(val.begin(), val.begin() + stored());
-        col_ind = Indices(col_ind.begin(), col_ind.begin() + stored());
-    }
-
-    void write_tail(int tail) {
-        std::fill(val.begin() + stored(), val.end() - guard, tail);
-        std::fill(col_ind.begin() + stored(), col_ind.end() - guard, tail);
+        EXPECT_EQ(std::vector<Int>(row_ptr.end() - guard, row_ptr.end()), std::vector<Int>(guard, untouched));
     }
 };
 
@@ -252,11 +244,13 @@ void expect_transposed_products(Int m, Int k, Int n, double a_density, double b_
     std::for_each(a.val.begin(), a.val.end(), [](double& value) { value += 10; });
     expected = transposed_product(a, b);
     qz_mkl_set_num_threads_int64(threads_of_refresh);
-    CsrOutput compressed = c;
-    compressed.compress();
+    CsrOutput compressed = c; // the stored entries alone, in arrays that hold no more
+    compressed.val = Dense(c.val.begin(), c.val.begin() + c.stored());
+    compressed.col_ind = std::vector<Int>(c.col_ind.begin(), c.col_ind.begin() + c.stored());
     compressed.multiply(2, m, n, a, b);
     for (CsrOutput* output : {&c, &staged}) {
-        output->write_tail(5); // a refresh leaves it alone
+        std::fill(output->val.begin() + c.stored(), output->val.end() - guard, 5); // a refresh leaves the tail alone
+        std::fill(output->col_ind.begin() + c.stored(), output->col_ind.end() - guard, 5);
         output->multiply(2, m, n, a, b);
         output->expect_product(expected, 5);
         EXPECT_TRUE(std::equal(compressed.val.begin(), compressed.val.end(), output->val.begin()));
@@ -307,12 +301,10 @@ TEST(TransposedProducts, NullOutputs) {
             const auto unless = [&](unsigned bit, auto* array) { return (null & bit) != 0 ? nullptr : array; };
             multiply_csr(t.stage, 6, 5, 7, a, b,
                          {unless(1, c.val.data()), unless(2, c.col_ind.data()), unless(4, c.row_ptr.data())});
-            const auto expected = [&](unsigned bit, const auto& old, const auto& written) {
-                return (null & bit) != 0 || (t.stage == 2 && null != 1) ? old : written;
-            };
-            EXPECT_EQ(c.val, expected(1, t.before.val, t.after.val));
-            EXPECT_EQ(c.col_ind, expected(2, t.before.col_ind, t.after.col_ind));
-            EXPECT_EQ(c.row_ptr, expected(4, t.before.row_ptr, t.after.row_ptr));
+            const CsrArrays& expected = t.stage == 2 && null != 1 ? t.before : t.after;
+            EXPECT_TRUE((null & 1) != 0 || c.val == expected.val);
+            EXPECT_TRUE((null & 2) != 0 || c.col_ind == expected.col_ind);
+            EXPECT_TRUE((null & 4) != 0 || c.row_ptr == expected.row_ptr);
         }
     }
 }
@@ -322,7 +314,7 @@ TEST(TransposedProducts, OperandsThatMklRefusesLeaveTheOutputs) {
     const Csr good(6, 6, 1.0, 1);
     const Csr no_entries(6, 6, 0.0, 1);
     Csr no_columns = good;
-    no_columns.col_ind = Indices();
+    no_columns.col_ind = std::vector<Int>();
     const CsrOutput before(6, 6);
     for (auto [a, b, m, n] : {std::tuple{no_columns, good, 6, 6},
                               {good, no_columns, 6, 6},
@@ -356,17 +348,16 @@ TEST(Stack, EveryEntryOnAThreadWith64Kilobytes) {
 }
 
 TEST(TransposedProducts, EightThreadsAtOnce) {
-    std::vector<std::thread> threads;
+    std::vector<std::future<void>> calls; // which wait for their threads
     for (unsigned seed = 0; seed < 8; ++seed) {
-        threads.emplace_back([seed] {
+        calls.push_back(std::async(std::launch::async, [seed] {
             for (unsigned round = 0; round < 4; ++round) {
                 const Int m = 300 + 100 * seed;
                 expect_dense_products(Csr(m, m, 0.02, seed), 3);
                 expect_transposed_products(m, 200, 1000, 0.002 * (1 + round), 0.01, seed);
             }
-        });
+        }));
     }
-    std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
 }
 
 } // namespace

@@ -2,8 +2,6 @@
 
 #include <mkl_service.h>
 
-#include <utility>
-
 ScriptedMkl mkl;
 
 namespace {
@@ -15,18 +13,6 @@ template <class... Args>
 sparse_status_t record(const char* name, const Args&... args) {
     mkl.calls.push_back(call_text(name, args...));
     return mkl.product_status;
-}
-
-template <class T>
-T* writable(const void* array) {
-    return static_cast<T*>(const_cast<void*>(array));
-}
-
-// A hook may make further calls, so it runs once.
-void run(ScriptedMkl::Hook& hook) {
-    if (const auto once = std::exchange(hook, {})) {
-        once();
-    }
 }
 
 } // namespace
@@ -44,7 +30,7 @@ sparse_status_t mkl_sparse_d_create_csr(Handle* handle, sparse_index_base_t base
 
 sparse_status_t mkl_sparse_destroy(Handle handle) {
     record("destroy", handle);
-    run(mkl.on_destroy);
+    mkl.on_destroy();
     return SPARSE_STATUS_NOT_INITIALIZED;
 }
 
@@ -68,7 +54,7 @@ sparse_status_t mkl_sparse_sp2m(Operation operation_a, matrix_descr descr_a, Han
                                 matrix_descr descr_b, Handle b, sparse_request_t request, Handle* c) {
     record("sp2m", operation_a, descr_a, a, operation_b, descr_b, b, request, *c);
     *c = mkl.product_handle != nullptr ? mkl.product_handle : *c;
-    run(mkl.on_product);
+    mkl.on_product();
     return mkl.product_status;
 }
 
@@ -81,9 +67,9 @@ sparse_status_t mkl_sparse_d_export_csr(Handle handle, sparse_index_base_t* base
     *base = SPARSE_INDEX_BASE_ZERO; // neither this nor the column count nor rows_end is to be looked at
     *rows = *mkl.result.rows;
     *cols = -1;
-    *rows_start = writable<MKL_INT>(mkl.result.rows_start);
-    *col_indx = writable<MKL_INT>(mkl.result.col_indx);
-    *values = writable<double>(mkl.result.values);
+    *rows_start = reinterpret_cast<MKL_INT*>(mkl.result.rows_start);
+    *col_indx = reinterpret_cast<MKL_INT*>(mkl.result.col_indx);
+    *values = mkl.result.values;
     return SPARSE_STATUS_SUCCESS;
 }
 

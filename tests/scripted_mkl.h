@@ -1,14 +1,13 @@
 #pragma once
 
+#include "entries.h"
+
 #include <mkl_spblas.h>
 
-#include <cstdint>
 #include <deque>
-#include <functional>
 #include <optional>
 #include <sstream>
 #include <string>
-#include <vector>
 
 // A call as text: its name and its arguments, enumerators by number, presets as type/mode/diag.
 template <class... Args>
@@ -27,6 +26,10 @@ inline sparse_matrix_t fake_handle(std::uintptr_t number) {
     return reinterpret_cast<sparse_matrix_t>(number); // NOLINT(*-no-int-to-ptr): never dereferenced
 }
 
+inline std::string create_text(Int rows, Int cols, CsrOperand a) {
+    return call_text("create", 0, 1, rows, cols, a.row_ptr, a.row_ptr + 1, a.col_ind, a.val);
+}
+
 // Stands in for MKL: records each call with its arguments, and answers as a test has scripted.
 struct ScriptedMkl {
     struct Wrap {
@@ -34,21 +37,20 @@ struct ScriptedMkl {
         sparse_matrix_t handle; // null: the variable is left alone
     };
     struct Export {
-        std::optional<MKL_INT> rows; // none: the export writes nothing
-        const void* rows_start = nullptr;
-        const void* col_indx = nullptr;
-        const void* values = nullptr;
+        std::optional<Int> rows; // none: the export writes nothing
+        Int* rows_start = nullptr;
+        Int* col_indx = nullptr;
+        double* values = nullptr;
     };
 
     std::deque<Wrap> wraps;
     sparse_status_t product_status = SPARSE_STATUS_SUCCESS;
     sparse_matrix_t product_handle = nullptr; // put into the slot of sp2m unless null
     Export result;
-    using Hook = std::function<void()>;
-    Hook on_product, on_destroy; // run within the call, at its end
+    std::function<void()> on_product = [] {}, on_destroy = [] {}; // run within the call
 
     std::vector<std::string> calls;
-    std::vector<const void*> freed; // by mkl_serv_free, past the library's wrapper
+    std::vector<void*> freed; // by mkl_serv_free, past the library's wrapper
 };
 
 extern ScriptedMkl mkl;

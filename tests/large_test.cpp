@@ -13,20 +13,18 @@ namespace {
 
 constexpr Int period = Int{1} << 23; // elements of 8 bytes: 64 MB
 
-// `count` elements, a multiple of the period. The first block of an output has memory of its own.
+// `count` elements, a multiple of the period. The first period has memory of its own, and the others share theirs.
 template <class T>
 class Repeated {
 public:
-    enum Kind { operand, output };
-
-    explicit Repeated(Int count, Kind kind = operand) : bytes_(size(count) * sizeof(T)) {
+    explicit Repeated(Int count) : bytes_(size(count) * sizeof(T)) {
         constexpr std::size_t block = period * sizeof(T);
         const int file = memfd_create("block", 0);
         EXPECT_EQ(ftruncate(file, block), 0);
         data_ = static_cast<T*>(mmap(nullptr, bytes_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
-        for (Int i = 0; i < count; i += period) {
-            const int sharing = kind == output && i == 0 ? MAP_PRIVATE : MAP_SHARED;
-            EXPECT_NE(mmap(data_ + i, block, PROT_READ | PROT_WRITE, sharing | MAP_FIXED, file, 0), MAP_FAILED);
+        EXPECT_EQ(mprotect(data_, block, PROT_READ | PROT_WRITE), 0);
+        for (Int i = period; i < count; i += period) {
+            EXPECT_NE(mmap(data_ + i, block, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, file, 0), MAP_FAILED);
         }
         close(file);
     }
@@ -51,8 +49,8 @@ TEST(Entries, Products) {
     const Repeated<Int> col_ind(rows * cols);
     std::vector<Int> row_ptr;
     for (Int p = 0; p < period; ++p) {
-        val[p] = double(p * 7 / 3 % 5 + 1);
-        col_ind[p] = p % cols + 1;
+        val[p] = val[period + p] = double(p * 7 / 3 % 5 + 1);
+        col_ind[p] = col_ind[period + p] = p % cols + 1;
     }
     for (Int i = 0; i <= rows; ++i) {
         row_ptr.push_back(i * cols + 1);
@@ -94,14 +92,14 @@ TEST(Entries, Products) {
 }
 
 TEST(LeadingDimensions, BeyondTwoTo32) {
-    constexpr Int ld = two_to_32 + period;
-    double val[] = {2, 3, 5}; // (2 3; 0 5)
+    constexpr Int ld = two_to_32 + period / 2; // modulo 2^32, a column in the first period
+    double val[] = {2, 3, 5};                  // (2 3; 0 5)
     Int col_ind[] = {1, 2, 2};
     Int row_ptr[] = {1, 3, 4};
     const Repeated<double> b(2 * ld);
-    const Repeated<double> c(2 * ld, Repeated<double>::output);
-    b[0] = 1;
-    b[1] = 2;
+    const Repeated<double> c(2 * ld);
+    b[0] = b[ld] = 1;
+    b[1] = b[ld + 1] = 2;
     for (const DenseEntry& e : dense_entries) {
         if (e.form == DenseEntry::long_form) {
             c[ld] = c[ld + 1] = c[0] = c[1] = 1;
@@ -137,7 +135,7 @@ struct OneEntryARow : CsrArrays {
 struct Elements : testing::Test {
     OneEntryARow a{result_rows, result_rows};
     OneEntryARow b{result_columns, columns_of_period};
-    Repeated<double> c{result_rows * result_columns, Repeated<double>::output};
+    Repeated<double> c{result_rows * result_columns};
 
     // An element of A*B^T.
     static double product(Int i, Int j) {
@@ -173,7 +171,7 @@ TEST_F(Elements, TransposedDense) {
 
 // The entries stand in the first block, and zeros follow them.
 TEST_F(Elements, TransposedCsr) {
-    const Repeated<Int> col_ind(result_rows * result_columns, Repeated<Int>::output);
+    const Repeated<Int> col_ind(result_rows * result_columns);
     std::vector<Int> row_ptr(result_rows + 1);
     c[2 * period] = 1.0;
     col_ind[2 * period] = 1;
@@ -195,7 +193,7 @@ TEST_F(Elements, TransposedCsr) {
 TEST(Cleared, FailedWrap) {
     constexpr Int rows = period / 2;
     constexpr Int cols = two_to_32 / rows + 1; // modulo 2^32, half of the first block
-    const Repeated<double> c(rows * (cols + 1), Repeated<double>::output);
+    const Repeated<double> c(rows * (cols + 1));
     std::vector<double> operand(1);
     std::fill_n(c.data(), 2 * period, 1.0);
     spgmatgvec_mkl_G_int64(operand.data(), nullptr, nullptr, operand.data(), rows, cols, c.data());

@@ -34,7 +34,6 @@ public:
 
     Mat shell() const { return shell_; } // the operator for PETSc's solvers
     Int ghosts() const { return ghost_.cols; }
-    std::vector<double>& ghost_values() { return ghost_values_; }
 
 private:
     // One block as the library takes it. The indices are one-based copies, the values are PETSc's.

@@ -96,16 +96,19 @@ TEST(SparseContract, CsrResultCallByCall) {
 // What stage 2 asks for depends on the state of the output: only what a count leaves is a full product.
 TEST(SparseContract, RequestOfAFinish) {
     const struct {
-        Int stage, m, n, row_ptr, col_ind;
+        Int stage, m, n, row_ptr, last_row_ptr, col_ind;
         int request;
-    } cases[] = {{2, 3, 5, 1, 0, 90},  {2, 1, 1, 1, 0, 90},  {2, 3, 5, 1, 1, 92},   {2, 3, 5, 1, -1, 92},
-                 {2, 3, 5, 0, 0, 92},  {2, 3, 5, 2, 0, 92},  {2, 0, 5, 1, 0, 92},   {2, 3, 0, 1, 0, 92},
-                 {2, -3, 5, 1, 0, 92}, {2, 3, -5, 1, 0, 92}, {2, -3, -5, 1, 0, 92}, {1, 3, 5, 1, 0, 91}};
+    } cases[] = {{2, 3, 5, 1, 2, 0, 90},  {2, 1, 1, 1, 2, 0, 90},  {2, 3, 5, 1, 1, 0, 92},  {2, 3, 5, 1, 2, 1, 92},
+                 {2, 3, 5, 1, 2, -1, 92}, {2, 3, 5, 0, 2, 0, 92},  {2, 3, 5, 2, 2, 0, 92},  {2, 0, 5, 1, 2, 0, 92},
+                 {2, 3, 0, 1, 2, 0, 92},  {2, -3, 5, 1, 2, 0, 92}, {2, 3, -5, 1, 2, 0, 92}, {2, -3, -5, 1, 2, 0, 92},
+                 {2, 3, 5, 1, 16, 0, 90}, {1, 3, 5, 1, 2, 0, 91}};
     for (const auto& t : cases) {
         for (const char* null : {"", "row_ptr", "col_ind"}) {
-            SCOPED_TRACE(call_text("stage", t.stage, t.m, "x", t.n, "state", t.row_ptr, t.col_ind, "null", null));
+            SCOPED_TRACE(call_text("stage", t.stage, t.m, "x", t.n, "state", t.row_ptr, t.last_row_ptr, t.col_ind,
+                                   "null", null));
             script_wraps(0, false);
             CsrArrays c(m * n, m + 1);
+            c.row_ptr[size(std::max<Int>(t.m, 1))] = t.last_row_ptr;
             c.row_ptr[0] = t.row_ptr;
             c.col_ind[0] = t.col_ind;
             multiply(c, t.stage, t.m, t.n, null);
@@ -135,13 +138,16 @@ TEST(SparseContract, CopyRunsOverMTimesNAndIsZeroBeyondTheStoredEntries) {
         rows_start.back() = rows_start.front() + t.stored;
         std::iota(col_indx.begin(), col_indx.end(), 1);
         std::iota(values.begin(), values.end(), 1.0);
-        for (const std::string_view null : {"", "val", "col_ind", "row_ptr", "rows_start", "col_indx", "values"}) {
+        for (const std::string_view null :
+             {"", "val", "col_ind", "row_ptr", "rows_start", "col_indx", "values", "own"}) {
             SCOPED_TRACE(call_text("m n rows stored", t.m, t.n, t.rows, t.stored, "null", null));
-            const auto unless_null = [&](std::string_view name, Int count) { return null == name ? 0 : count; };
+            const bool own = null == "own"; // nothing is null, and the exported columns are the caller's array
+            const auto unless_null = [&](std::string_view name, Int count) { return own || null == name ? 0 : count; };
             script_wraps(0, false);
             mkl.result = {t.rows, null == "rows_start" ? nullptr : rows_start.data(),
                           null == "col_indx" ? nullptr : col_indx.data(), null == "values" ? nullptr : values.data()};
             CsrArrays c(t.written, t.row_pointers);
+            mkl.result.col_indx = own ? c.col_ind.data() : mkl.result.col_indx;
             multiply(c, 0, t.m, t.n, null);
             const Int row_pointers = unless_null("rows_start", unless_null("row_ptr", t.row_pointers));
             const Int entries = unless_null("col_indx", unless_null("values", t.entries));

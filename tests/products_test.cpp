@@ -1,17 +1,25 @@
-// The built library on the real MKL against plain loops. All values are small integers, so that
-// every sum is exact in any order and results are compared to the bit.
+// The built library on the real MKL against plain loops, on random operands and in random sequences of stages. Each
+// array is exactly as long as the header says, beside a page without access. All values are small integers, so that
+// every sum is exact in any order and results are compared to the bit. The environment says what runs:
+//   CSR_PRODUCTS_ROUNDS  of each random test; default: about a second
+//   CSR_PRODUCTS_SEED    of the first round; default: another one each time
+//   CSR_PRODUCTS_PAGES   "front": no page without access is behind an array
 
 #include "entries.h"
 
 #include <algorithm>
-#include <cfenv>
+#include <array>
 #include <cmath>
+#include <cstdlib>
 #include <filesystem>
 #include <future>
+#include <iostream>
 #include <limits>
 #include <pthread.h>
 #include <random>
+#include <string_view>
 #include <sys/mman.h>
+#include <unistd.h>
 
 namespace {
 
@@ -19,317 +27,459 @@ using Dense = std::vector<double>; // column-major
 
 constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 
-// A copy in memory that cannot be written, for the operands, which the library only reads.
-template <class T>
-class ReadOnly {
+class Random : public std::mt19937_64 {
 public:
-    explicit ReadOnly(const std::vector<T>& source) : bytes_(source.size() * sizeof(T)) {
-        if (!source.empty()) { // else null, as the data() of an empty vector
-            data_ = static_cast<T*>(mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-            std::copy(source.begin(), source.end(), data_);
-            mprotect(data_, bytes_, PROT_READ);
-        }
-    }
-    ~ReadOnly() { munmap(data_, bytes_); }
-    ReadOnly(const ReadOnly&) = delete;
-    operator T*() const { return data_; }
+    using std::mt19937_64::mt19937_64;
 
-private:
-    std::size_t bytes_;
-    T* data_ = nullptr;
+    Int between(Int least, Int most) { return std::uniform_int_distribution<Int>(least, most)(*this); }
+    bool one_in(Int count) { return between(1, count) == 1; }
+    double value() { return static_cast<double>(between(1, 9)); }
+    Int dimension() { return between(1, std::array<Int, 4>{3, 12, 60, 300}[size(between(0, 3))]); }
+    double density() { return std::array<double, 5>{0.0, 0.02, 0.1, 0.3, 1.0}[size(between(0, 4))]; }
 };
 
-double small_integer(std::mt19937& random) {
-    return std::uniform_int_distribution<int>(1, 9)(random);
-}
+// An array of as many elements as its content has, and a page without access in front of it or right behind it.
+template <class T>
+class Exact {
+public:
+    Exact(Random& random, const std::vector<T>& content, int protection = PROT_READ | PROT_WRITE) {
+        const char* const pages = std::getenv("CSR_PRODUCTS_PAGES");
+        const bool front = random.one_in(2) || (pages != nullptr && std::string_view(pages) == "front");
+        const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+        const std::size_t bytes = (content.size() * sizeof(T) + page - 1) / page * page;
+        mapped_ = bytes + 2 * page;
+        pages_ = static_cast<char*>(mmap(nullptr, mapped_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        char* const first = pages_ + page;
+        const std::size_t opened = bytes + (front ? page : 0);
+        mprotect(first, opened, PROT_READ | PROT_WRITE);
+        begin_ = reinterpret_cast<T*>(front ? first : first + bytes) - (front ? 0 : content.size());
+        end_ = std::copy(content.begin(), content.end(), begin_);
+        mprotect(first, opened, protection);
+    }
+    ~Exact() { munmap(pages_, mapped_); }
+    Exact(const Exact&) = delete;
+    Exact& operator=(const Exact&) = delete;
+
+    operator T*() const { return begin_; }
+    std::vector<T> content() const { return {begin_, end_}; }
+
+private:
+    std::size_t mapped_;
+    char* pages_;
+    T* begin_;
+    T* end_;
+};
 
 struct Csr : CsrArrays {
     Int rows, cols;
 
-    // The columns of each row ascend if the seed is even, and descend if it is odd.
-    Csr(Int rows_, Int cols_, double density, unsigned seed) : rows(rows_), cols(cols_) {
-        std::mt19937 random(seed);
+    // Some rows are empty. The columns of a row ascend, or stand in any order.
+    Csr(Random& random, Int rows_, Int cols_, double density) : rows(rows_), cols(cols_) {
         std::bernoulli_distribution stored(density);
-        row_ptr.push_back(1);
+        const bool shuffled = random.one_in(2);
+        row_ptr = {1};
         for (Int i = 0; i < rows; ++i) {
-            for (Int j = 0; j < cols && i % 7 != 3; ++j) { // every seventh row is empty
-                if (stored(random)) {
-                    col_ind.push_back(seed % 2 == 0 ? j + 1 : cols - j);
-                    val.push_back(small_integer(random));
+            const bool empty = random.one_in(7);
+            for (Int j = 1; j <= cols; ++j) {
+                if (!empty && stored(random)) {
+                    col_ind.push_back(j);
                 }
             }
-            row_ptr.push_back(Int(val.size()) + 1);
+            if (shuffled) {
+                std::shuffle(col_ind.begin() + row_ptr.back() - 1, col_ind.end(), random);
+            }
+            row_ptr.push_back(Int(col_ind.size()) + 1);
         }
-        val.push_back(nan); // arrays without an entry are not null
-        col_ind.push_back(untouched);
+        if (col_ind.empty()) {
+            col_ind.push_back(untouched); // arrays without an entry are not null
+        }
+        val.resize(col_ind.size(), nan);
+        change_values(random);
     }
 
-    template <class Visit>
-    void each(Visit visit) const {
-        for (Int i = 0; i < rows; ++i) {
-            for (Int p = row_ptr[size(i)]; p < row_ptr[size(i) + 1]; ++p) {
-                visit(i, col_ind.at(size(p - 1)) - 1, val.at(size(p - 1)));
-            }
+    Int stored() const { return row_ptr.back() - 1; }
+
+    void change_values(Random& random) {
+        std::generate_n(val.begin(), stored(), [&] { return random.value(); });
+    }
+};
+
+template <class Visit>
+void each(const CsrArrays& a, Visit visit) {
+    for (std::size_t i = 0; i + 1 < a.row_ptr.size(); ++i) {
+        for (Int p = a.row_ptr[i]; p < a.row_ptr[i + 1]; ++p) {
+            visit(Int(i), a.col_ind.at(size(p - 1)) - 1, a.val.at(size(p - 1)));
         }
     }
+}
+
+// An operand as the library gets it: it cannot be written.
+struct Operand {
+    Exact<double> val;
+    Exact<Int> col_ind, row_ptr;
+
+    Operand(Random& random, const Csr& a)
+        : val(random, a.val, PROT_READ), col_ind(random, a.col_ind, PROT_READ), row_ptr(random, a.row_ptr, PROT_READ) {}
+
+    operator CsrOperand() const { return {val, col_ind, row_ptr}; }
 };
 
 // NaN stands wherever a product must not look: in the output that is overwritten, below the diagonal of a
 // symmetric operand, in rows of B that meet no entry of A, and between the columns of B.
-void expect_dense_products(const Csr& a, Int n) {
+void expect_dense_product(Random& random, const DenseEntry& e, const Csr& a, Int n) {
     const Int m = a.rows;
     const Int k = a.cols;
-    std::mt19937 random(1);
+    const bool symmetric = e.preset[1] == '1';
+    const bool transposed = e.operation == 11;
+    SCOPED_TRACE(testing::Message() << e.name << ": " << m << " x " << k << ", " << a.stored() << " entries, columns "
+                                    << n);
+    Csr stored = a;
+    std::vector<std::tuple<Int, Int, double>> terms; // to a row of C, from a row of B, times a value
+    std::size_t position = 0;
+    each(a, [&](Int row, Int col, double value) {
+        if (symmetric ? row <= col : !transposed) {
+            terms.emplace_back(row, col, value);
+        }
+        if (symmetric ? row < col : transposed) {
+            terms.emplace_back(col, row, value);
+        }
+        if (symmetric && row > col) {
+            stored.val[position] = nan;
+        }
+        ++position;
+    });
+    const bool is_long = e.form == DenseEntry::long_form;
+    const Int ldb = is_long ? k + random.between(0, 5) : k;
+    const Int ldc = is_long ? m + random.between(0, 5) : m;
+    const Int c_rows = transposed ? k : m;
+    Dense b(size(is_long ? ldb * n : (n - 1) * ldb + (transposed ? m : k)), nan);
+    Dense c(size(is_long ? ldc * n : (n - 1) * ldc + c_rows), untouched);
+    Dense expected = c;
+    for (Int j = 0; j < n; ++j) {
+        for (Int i = 0; i < c_rows; ++i) {
+            c[size(i + j * ldc)] = e.beta == 0.0 ? nan : 3.0;
+            expected[size(i + j * ldc)] = 3.0 * e.beta;
+        }
+        for (const auto& [to, from, value] : terms) {
+            double& factor = b[size(from + j * ldb)];
+            factor = std::isnan(factor) ? random.value() : factor;
+            expected[size(to + j * ldc)] += value * factor;
+        }
+    }
+    const Operand operand(random, stored);
+    const Exact<double> result(random, c);
+    e.call(operand.val, operand.col_ind, operand.row_ptr, Exact<double>(random, b, PROT_READ), ldb, m, k, n, result,
+           ldc);
+    if (c_rows <= ldc || n == 1) { // otherwise the columns of C overlap
+        EXPECT_EQ(result.content(), expected);
+    }
+}
+
+// A null array, a dimension <= 0, or a null val without an entry.
+void expect_dense_refusal(Random& random, const DenseEntry& e) {
+    enum { null_col_ind, null_row_ptr, no_dimension, null_val };
+    const Int kind = random.between(0, 3);
+    const bool no_rows = kind == no_dimension && random.one_in(2);
+    const Int m = no_rows ? random.between(-4, 0) : random.between(1, 6);
+    const Int k = kind == no_dimension && (!no_rows || random.one_in(2)) ? random.between(-4, 0) : random.between(1, 6);
+    const Int n = e.form == DenseEntry::vector_form ? 1 : random.between(1, 6);
+    SCOPED_TRACE(testing::Message() << e.name << ": " << m << " x " << k << ", columns " << n << ", refusal " << kind);
+    const Operand a(random, Csr(random, std::max<Int>(m, 0), std::max<Int>(k, 0), kind == null_val ? 0.0 : 1.0));
+    const Int ldc = m + (e.form == DenseEntry::long_form ? random.between(0, 2) : 0);
+    const Int cleared = kind == null_val ? 0 : std::max<Int>(m * k, 0);
+    Dense c(size(std::max({cleared, e.operation == 11 ? k * n : ldc * n, Int{0}})), untouched);
+    const Exact<double> result(random, c);
+    const Dense b(kind == null_val ? size(k * n) : 0);
+    e.call(kind == null_val ? nullptr : +a.val, kind == null_col_ind ? nullptr : +a.col_ind,
+           kind == null_row_ptr ? nullptr : +a.row_ptr, Exact<double>(random, b, PROT_READ), k, m, k, n, result, ldc);
+    const bool computes = kind == null_val && e.form == DenseEntry::vector_form;
+    std::fill_n(c.begin(), computes ? m : cleared, computes ? e.beta * untouched : 0.0);
+    EXPECT_EQ(result.content(), c);
+}
+
+void dense_round(Random& random) {
     for (const DenseEntry& e : dense_entries) {
-        const bool symmetric = e.preset[1] == '1';
-        const bool transposed = e.operation == 11;
-        if (m != k && (symmetric || (transposed && n > 1))) {
-            continue; // no product that the entry offers
+        const Int m = random.dimension();
+        const Int k = e.preset[1] == '1' || random.one_in(2) ? m : random.dimension();
+        const Int n = e.form == DenseEntry::vector_form ? 1 : random.between(1, 33);
+        expect_dense_product(random, e, Csr(random, m, k, random.density()), n);
+        expect_dense_refusal(random, e);
+    }
+}
+
+// One pair of operands and one set of outputs, through a random sequence of calls.
+class Stages {
+public:
+    struct Shape {
+        Int m, k, n;
+        double a_density, b_density;
+    };
+
+    Stages(Random& random, Shape shape, bool sets_threads = true)
+        : random_(random), shape_(shape), sets_threads_(sets_threads) {
+        change_structure();
+    }
+
+    void run(int steps) {
+        for (int step = 0; step < steps; ++step) {
+            if (sets_threads_) {
+                qz_mkl_set_num_threads_int64(static_cast<int>(random_.between(1, 5)));
+            }
+
+            switch (random_.between(0, 9)) {
+            case 0:
+                change_structure();
+                break;
+            case 1:
+                change_values();
+                break;
+            case 2:
+            case 3:
+                compress();
+                break;
+            case 4:
+                expect_refusal();
+                break;
+            default:
+                expect_stage();
+            }
         }
-        SCOPED_TRACE(testing::Message() << e.name << ": " << m << " x " << k << ", " << a.val.size()
-                                        << " entries, columns " << n);
-        Csr stored = a;
-        std::vector<std::tuple<Int, Int, double>> terms; // to a row of C, from a row of B, times a value
-        std::size_t position = 0;
-        a.each([&](Int row, Int col, double value) {
-            if (symmetric ? row <= col : !transposed) {
-                terms.emplace_back(row, col, value);
-            }
-            if (symmetric ? row < col : transposed) {
-                terms.emplace_back(col, row, value);
-            }
-            if (symmetric && row > col) {
-                stored.val[position] = nan;
-            }
-            ++position;
+    }
+
+private:
+    // What c_col_ind and c_row_ptr hold.
+    enum State { anything, count_of_operands, structure_of_product };
+    enum NullArray : unsigned { val = 1, col_ind = 2, row_ptr = 4 };
+
+    void change_structure() {
+        a_ = Csr(random_, m_, k_, shape_.a_density);
+        do {
+            b_ = Csr(random_, n_, k_, shape_.b_density);
+        } while (b_.stored() == 0); // MKL refuses such a B
+        state_ = anything;
+        compute_product();
+    }
+
+    void change_values() {
+        a_.change_values(random_);
+        b_.change_values(random_);
+        compute_product();
+    }
+
+    // Keeps the stored entries alone, which is all that stage 2 needs, or what a host may have behind them.
+    void compress() {
+        if (state_ == structure_of_product || (state_ == count_of_operands && stored_ == 0)) {
+            const std::size_t capacity = random_.one_in(2) ? c_.val.size() : size(stored_);
+            c_.val.resize(size(stored_));
+            c_.col_ind.resize(size(stored_));
+            c_.val.resize(capacity, untouched);
+            c_.col_ind.resize(capacity, untouched);
+        }
+    }
+
+    // What a call leaves in exact copies of these arrays, some of them null.
+    CsrArrays call(Int stage, const CsrArrays& before, unsigned null = 0) {
+        const Operand a(random_, a_);
+        const Operand b(random_, b_);
+        const bool null_val = a_.stored() == 0 && random_.one_in(2);
+        return call(before, null, [&](CsrOperand c) {
+            multiply_csr(stage, m_, k_, n_, {null_val ? nullptr : +a.val, a.col_ind, a.row_ptr}, b, c);
         });
-        const Int columns = e.form == DenseEntry::vector_form ? 1 : n;
-        const Int ldb = e.form == DenseEntry::long_form ? k + 3 : k;
-        const Int ldc = e.form == DenseEntry::long_form ? m + 5 : m;
-        Dense b(size(std::max(ldb, m) * columns), nan);
-        Dense c(size(std::max(ldc, k) * columns + guard), untouched);
-        Dense expected = c;
-        for (Int j = 0; j < columns; ++j) {
-            for (Int i = 0; i < (transposed ? k : m); ++i) {
-                c[size(i + j * ldc)] = e.beta == 0.0 ? nan : 3.0;
-                expected[size(i + j * ldc)] = 3.0 * e.beta;
+    }
+
+    template <class Multiply>
+    CsrArrays call(const CsrArrays& before, unsigned null, Multiply multiply) {
+        const Exact<double> c_val(random_, before.val);
+        const Exact<Int> c_col_ind(random_, before.col_ind);
+        const Exact<Int> c_row_ptr(random_, before.row_ptr);
+        multiply({(null & val) != 0 ? nullptr : +c_val, (null & col_ind) != 0 ? nullptr : +c_col_ind,
+                  (null & row_ptr) != 0 ? nullptr : +c_row_ptr});
+        CsrArrays after;
+        after.val = c_val.content();
+        after.col_ind = c_col_ind.content();
+        after.row_ptr = c_row_ptr.content();
+        return after;
+    }
+
+    // By the two entries in one call, and by a plain loop.
+    void compute_product() {
+        std::vector<std::vector<std::pair<Int, double>>> b_columns(size(k_));
+        each(b_, [&](Int row, Int col, double value) { b_columns[size(col)].emplace_back(row, value); });
+        Dense expected(size(m_ * n_));
+        each(a_, [&](Int row, Int col, double value) {
+            for (const auto& [j, other] : b_columns[size(col)]) {
+                expected[size(row + j * m_)] += value * other;
             }
-            for (const auto& [to, from, value] : terms) {
-                double& factor = b[size(from + j * ldb)];
-                factor = std::isnan(factor) ? small_integer(random) : factor;
-                expected[size(to + j * ldc)] += value * factor;
-            }
-        }
-        e.call(ReadOnly(stored.val), ReadOnly(stored.col_ind), ReadOnly(stored.row_ptr), ReadOnly(b), ldb, m, k,
-               columns, c.data(), ldc);
+        });
+        const Exact<double> dense(random_, Dense(expected.size(), nan));
+        multiply_dense(m_, k_, n_, Operand(random_, a_), Operand(random_, b_), dense);
+        EXPECT_EQ(dense.content(), expected);
+
+        product_ = call(0, room_for_product());
+        Dense c(expected.size());
+        each(product_, [&](Int row, Int col, double value) {
+            EXPECT_EQ(c.at(size(row + col * m_)), 0.0) << "an entry stands twice, or is zero";
+            c.at(size(row + col * m_)) = value;
+        });
         EXPECT_EQ(c, expected);
+        stored_ = std::count_if(expected.begin(), expected.end(), [](double x) { return x != 0.0; });
+        EXPECT_EQ(product_.row_ptr.back(), stored_ + 1);
+        EXPECT_EQ(std::count(product_.val.begin() + stored_, product_.val.end(), 0.0), m_ * n_ - stored_);
+        EXPECT_EQ(std::count(product_.col_ind.begin() + stored_, product_.col_ind.end(), 0), m_ * n_ - stored_);
+    }
+
+    CsrArrays room_for_product() const {
+        CsrArrays c;
+        c.val.resize(size(m_ * n_), untouched);
+        c.col_ind.resize(c.val.size(), untouched);
+        c.row_ptr.resize(size(m_ + 1), untouched);
+        return c;
+    }
+
+    void expect_stage() {
+        const Int stage = state_ != anything && random_.one_in(2) ? 2 : random_.between(0, 1);
+        const unsigned null = random_.one_in(4)   ? static_cast<unsigned>(random_.between(1, 7))
+                              : random_.one_in(3) ? val
+                                                  : 0;
+        SCOPED_TRACE(testing::Message() << "stage " << stage << ", state " << state_ << ", null arrays " << null);
+        const bool finishes = state_ == count_of_operands && stored_ > 0;
+        const bool has_structure = (null & (col_ind | row_ptr)) == 0; // or stage 2 does nothing
+        if (stage != 2) {
+            c_.val.resize(product_.val.size(), untouched);
+            c_.col_ind.resize(product_.val.size(), untouched);
+        }
+        CsrArrays expected = c_;
+        if (stage == 0 || (stage == 2 && finishes && has_structure)) {
+            expected = product_;
+        } else if (stage == 1) {
+            std::fill(expected.val.begin(), expected.val.end(), 0.0);
+            std::fill(expected.col_ind.begin(), expected.col_ind.end(), 0);
+            expected.row_ptr = product_.row_ptr;
+        } else if (has_structure) {
+            std::copy_n(product_.val.begin(), stored_, expected.val.begin());
+        }
+        expected.val = (null & val) != 0 ? c_.val : expected.val;
+        expected.col_ind = (null & col_ind) != 0 ? c_.col_ind : expected.col_ind;
+        expected.row_ptr = (null & row_ptr) != 0 ? c_.row_ptr : expected.row_ptr;
+        const Int whole_product[] = {0, 3, -1, two_to_32 + 1, two_to_32 + 2};
+        c_ = call(stage == 0 ? whole_product[random_.between(0, 4)] : stage, c_, null);
+        EXPECT_TRUE(c_ == expected);
+        const bool row_ptr_fits = state_ != anything || (null & row_ptr) == 0;
+        if ((null & col_ind) == 0 && row_ptr_fits && (stage != 2 || (finishes && has_structure))) {
+            state_ = stage == 1 ? count_of_operands : structure_of_product;
+        }
+    }
+
+    // MKL refuses a null array, a dimension <= 0 and a B without entries, and the dense entry a null val too.
+    void expect_refusal() {
+        const Operand good_a(random_, a_);
+        const Operand good_b(random_, b_);
+        const Operand empty_a(random_, Csr(random_, m_, k_, 0.0));
+        const Operand empty_b(random_, Csr(random_, n_, k_, 0.0));
+        CsrOperand a = good_a;
+        CsrOperand b = good_b;
+        std::array<Int, 3> shape{m_, k_, n_};
+        const auto& [m, k, n] = shape;
+        const Int kind = random_.between(0, 6);
+        const Int stage = random_.between(0, 2);
+        SCOPED_TRACE(testing::Message() << "refusal " << kind << ", stage " << stage << ", state " << state_);
+        switch (kind) {
+        case 0:
+        case 1:
+            (kind == 0 ? a : b).col_ind = nullptr;
+            break;
+        case 2:
+        case 3:
+            (kind == 2 ? a : b).row_ptr = nullptr;
+            break;
+        case 4:
+            b = empty_b;
+            break;
+        case 5:
+            a = {nullptr, empty_a.col_ind, empty_a.row_ptr};
+            break;
+        default:
+            shape[size(random_.between(0, 2))] = random_.between(-3, 0);
+            shape[size(random_.between(0, 2))] = random_.between(-3, 0);
+        }
+        if (kind != 5) {
+            EXPECT_TRUE(call(c_, 0, [&](CsrOperand c) { multiply_csr(stage, m, k, n, a, b, c); }) == c_);
+        }
+        const Exact<double> dense(random_, Dense(size(m_ * n_), untouched));
+        multiply_dense(m, k, n, a, b, dense);
+        EXPECT_EQ(dense.content(), Dense(size(m_ * n_), untouched));
+    }
+
+    Random& random_;
+    Shape shape_;
+    bool sets_threads_;
+    Int m_ = shape_.m;
+    Int k_ = shape_.k;
+    Int n_ = shape_.n;
+    Csr a_{random_, 1, 1, 0.0};
+    Csr b_ = a_;
+    CsrArrays c_ = room_for_product();
+    CsrArrays product_; // as one call leaves it
+    Int stored_ = 0;    // entries of the product
+    State state_ = anything;
+};
+
+void stages_round(Random& random, bool sets_threads) {
+    const auto dimension = [&] { return random.dimension(); };
+    Stages(random, {dimension(), dimension(), dimension(), random.density(), random.density() + 0.01}, sets_threads)
+        .run(15);
+}
+
+void run_rounds(const std::function<void(Random&)>& round) {
+    const auto environment = [](const char* name, Int otherwise) {
+        const char* const value = std::getenv(name);
+        return value == nullptr ? otherwise : std::atoll(value);
+    };
+    const Int first = environment("CSR_PRODUCTS_SEED", std::random_device()());
+    const Int rounds = environment("CSR_PRODUCTS_ROUNDS", 150);
+    std::cerr << "CSR_PRODUCTS_SEED=" << first << '\n';
+    for (Int seed = first; seed < first + rounds && !testing::Test::HasFailure(); ++seed) {
+        SCOPED_TRACE(testing::Message() << "CSR_PRODUCTS_SEED=" << seed);
+        Random random(static_cast<std::uint64_t>(seed));
+        round(random);
     }
 }
 
 TEST(DenseProducts, AgreeWithPlainLoops) {
-    feenableexcept(FE_DIVBYZERO | FE_INVALID | FE_OVERFLOW);
-    fenv_t with_traps; // disabled from here on: MKL computes 0/0 where a matrix has fewer rows than there are threads
-    feholdexcept(&with_traps);
-    for (const auto& [m, k] : {std::pair<Int, Int>{1, 1}, {4, 4}, {50, 50}, {300, 40}, {40, 300}}) {
-        for (const double density : {0.0, 0.02, 0.3, 1.0}) {
-            for (const Int n : {1, 2, 9, 17, 33}) {
-                expect_dense_products(Csr(m, k, density, 1), n);
-                expect_dense_products(Csr(m, k, density, 2), n);
-            }
-        }
-    }
+    run_rounds(dense_round);
 }
 
-// MKL refuses an operand without rows or column numbers. It wraps one without values: with no entry either, the
-// vector entries then compute, and the matrix entries leave C.
-TEST(DenseProducts, OperandsThatMklRefuses) {
-    Csr a(4, 4, 0.0, 1);
-    Dense b(16, 1.0);
-    for (const DenseEntry& e : dense_entries) {
-        const bool computes = e.form == DenseEntry::vector_form;
-        for (const auto& [val, col_ind, m, written, value] :
-             {std::tuple{a.val.data(), a.col_ind.data(), 0, 0, 0.0},
-              {a.val.data(), nullptr, 4, 16, 0.0},
-              {nullptr, a.col_ind.data(), 4, computes ? 4 : 0, e.beta * untouched}}) {
-            Dense c(16 + guard, untouched);
-            Dense expected = c;
-            std::fill_n(expected.begin(), written, value);
-            e.call(val, col_ind, a.row_ptr.data(), b.data(), 4, m, 4, 2, c.data(), 4);
-            EXPECT_EQ(c, expected) << e.name << ", rows " << m;
-        }
-    }
-}
-
-// Threads that MKL started stay in the process, so their number is the greatest it was ever given.
-TEST(ThreadCount, OneZeroNegativeTwo) {
-    for (const auto& [count, expected] : {std::pair{1, 1}, {0, 1}, {-3, 1}, {2, 2}, {1, 2}}) {
-        qz_mkl_set_num_threads_int64(count);
-        expect_dense_products(Csr(500, 500, 0.3, 1), 9);
-        EXPECT_EQ(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}), expected) << count;
-    }
-}
-
-Dense transposed_product(const Csr& a, const Csr& b) {
-    std::vector<std::vector<std::pair<Int, double>>> b_columns(size(b.cols));
-    b.each([&](Int row, Int col, double value) { b_columns[size(col)].emplace_back(row, value); });
-    Dense c(size(a.rows * b.rows));
-    a.each([&](Int row, Int col, double value) {
-        for (const auto& [j, other] : b_columns[size(col)]) {
-            c[size(row + j * a.rows)] += value * other;
-        }
-    });
-    return c;
-}
-
-// The output of the CSR product, with room for m*n entries and a guard behind each array.
-struct CsrOutput : Csr {
-    CsrOutput(Int m, Int n) : Csr(m, n, 0.0, 0) { CsrArrays::operator=(CsrArrays(m * n, m + 1)); }
-
-    void multiply(Int stage, Int m, Int n, const Csr& a, const Csr& b) {
-        multiply_csr(stage, m, a.cols, n, {ReadOnly(a.val), ReadOnly(a.col_ind), ReadOnly(a.row_ptr)},
-                     {ReadOnly(b.val), ReadOnly(b.col_ind), ReadOnly(b.row_ptr)}, *this);
-    }
-
-    // Every element: the product's entries, each once, then the tail, then the guard.
-    void expect_product(const Dense& expected, int tail = 0) const {
-        Dense c(expected.size());
-        each([&](Int row, Int col, double value) {
-            EXPECT_EQ(c.at(size(row + col * rows)), 0.0) << "an entry stands twice, or is zero";
-            c.at(size(row + col * rows)) = value;
-        });
-        EXPECT_TRUE(c == expected);
-        EXPECT_EQ(stored(), std::count_if(expected.begin(), expected.end(), [](double x) { return x != 0.0; }));
-        expect_from(stored(), tail);
-    }
-
-    Int stored() const { return row_ptr[size(rows)] - 1; }
-
-    void expect_from(Int first, int tail) const {
-        Dense expected(size(rows * cols - first), tail);
-        expected.insert(expected.end(), guard, untouched);
-        EXPECT_TRUE(std::equal(val.begin() + first, val.end(), expected.begin(), expected.end()));
-        EXPECT_TRUE(std::equal(col_ind.begin() + first, col_ind.end(), expected.begin(), expected.end()));
-        EXPECT_EQ(std::vector<Int>(row_ptr.end() - guard, row_ptr.end()), std::vector<Int>(guard, untouched));
-    }
-};
-
-// A count of threads <= 0 leaves it as it is.
-void expect_transposed_products(Int m, Int k, Int n, double a_density, double b_density, unsigned seed = 1,
-                                int threads_of_refresh = 0) {
-    SCOPED_TRACE(testing::Message() << m << " x " << k << " x " << n << ", " << a_density << " and " << b_density);
-    Csr a(m, k, a_density, seed);
-    Csr b(n, k, b_density, seed + 1);
-    Dense expected = transposed_product(a, b);
-
-    CsrOutput c(m, n);
-    c.multiply(7, m, n, a, b);
-    c.expect_product(expected);
-
-    CsrOutput staged(m, n);
-    staged.multiply(1, m, n, a, b);
-    EXPECT_EQ(staged.row_ptr, c.row_ptr);
-    staged.expect_from(0, 0);
-    staged.multiply(2, m, n, a, b);
-    staged.expect_product(expected);
-
-    Dense dense(size(m * n + guard), nan);
-    std::fill(dense.end() - guard, dense.end(), untouched);
-    multiply_dense(m, k, n, a, b, dense.data());
-    expected.insert(expected.end(), guard, untouched);
-    EXPECT_TRUE(dense == expected);
-
-    std::for_each(a.val.begin(), a.val.end(), [](double& value) { value += 10; });
-    expected = transposed_product(a, b);
-    qz_mkl_set_num_threads_int64(threads_of_refresh);
-    CsrOutput compressed = c; // the stored entries alone, in arrays that hold no more
-    compressed.val = Dense(c.val.begin(), c.val.begin() + c.stored());
-    compressed.col_ind = std::vector<Int>(c.col_ind.begin(), c.col_ind.begin() + c.stored());
-    compressed.multiply(2, m, n, a, b);
-    for (CsrOutput* output : {&c, &staged}) {
-        std::fill(output->val.begin() + c.stored(), output->val.end() - guard, 5); // a refresh leaves the tail alone
-        std::fill(output->col_ind.begin() + c.stored(), output->col_ind.end() - guard, 5);
-        output->multiply(2, m, n, a, b);
-        output->expect_product(expected, 5);
-        EXPECT_TRUE(std::equal(compressed.val.begin(), compressed.val.end(), output->val.begin()));
-        output->multiply(0, m, n, a, b);
-        output->expect_product(expected);
-    }
-}
-
-// Small enough for memcheck. Each refresh runs on another number of threads than the product.
-TEST(TransposedProducts, SmallOnesAgreeWithPlainLoops) {
-    int threads = 1;
-    for (const auto& [m, k, n, a_density, b_density] : {std::tuple<Int, Int, Int, double, double>{1, 1, 1, 1.0, 1.0},
-                                                        {2, 3, 4, 1.0, 1.0},
-                                                        {40, 60, 30, 0.0, 0.1},
-                                                        {5, 300, 200, 0.5, 0.1},
-                                                        {200, 300, 5, 0.5, 0.01},
-                                                        {400, 500, 300, 0.05, 0.05}}) {
-        expect_transposed_products(m, k, n, a_density, b_density, 1, threads);
-        threads = threads % 3 + 1;
-    }
+TEST(TransposedProducts, AgreeWithPlainLoopsInAnyStage) {
+    run_rounds([](Random& random) { stages_round(random, true); });
 }
 
 // Large enough for blocks of MKL's that the kernel maps one by one, and gets back when they are released, and for
 // all threads.
-TEST(TransposedProducts, LargeOnesAgreeWithPlainLoops) {
-    expect_transposed_products(700, 50, 600, 1.0, 1.0);
-    expect_transposed_products(3000, 3000, 3000, 5e-4, 5e-4);
+TEST(TransposedProducts, LargeOnes) {
+    Random random(1);
+    Stages(random, {700, 50, 600, 1.0, 1.0}).run(20);
+    Stages(random, {2000, 2000, 2000, 5e-4, 5e-4}).run(20);
 }
 
-// An output array that is null is skipped, and the others are written. Stage 2 needs all but the values.
-TEST(TransposedProducts, NullOutputs) {
-    Csr a(6, 5, 0.7, 1);
-    Csr b(7, 5, 0.7, 2);
-    const CsrOutput fresh(6, 7);
-    CsrOutput counted = fresh;
-    counted.multiply(1, 6, 7, a, b);
-    CsrOutput product = fresh;
-    product.multiply(0, 6, 7, a, b);
-    for (const auto& [stage, before, after] :
-         {std::tuple{0, fresh, product}, {1, fresh, counted}, {2, counted, product}, {2, product, product}}) {
-        for (const unsigned null : {1U, 2U, 4U, 7U}) {
-            SCOPED_TRACE(testing::Message() << "stage " << stage << ", null arrays " << null);
-            CsrOutput c = before;
-            const auto unless = [&](unsigned bit, auto* array) { return (null & bit) != 0 ? nullptr : array; };
-            multiply_csr(stage, 6, 5, 7, a, b,
-                         {unless(1, c.val.data()), unless(2, c.col_ind.data()), unless(4, c.row_ptr.data())});
-            const CsrArrays& expected = stage == 2 && null != 1 ? before : after;
-            EXPECT_TRUE((null & 1) != 0 || c.val == expected.val);
-            EXPECT_TRUE((null & 2) != 0 || c.col_ind == expected.col_ind);
-            EXPECT_TRUE((null & 4) != 0 || c.row_ptr == expected.row_ptr);
-        }
-    }
-}
-
-// MKL refuses a B without entries, as it refuses a null handle.
-TEST(TransposedProducts, OperandsThatMklRefusesLeaveTheOutputs) {
-    const Csr good(6, 6, 1.0, 1);
-    const Csr no_entries(6, 6, 0.0, 1);
-    Csr no_columns = good;
-    no_columns.col_ind = std::vector<Int>();
-    const CsrOutput before(6, 6);
-    for (auto [a, b, m, n] : {std::tuple{no_columns, good, 6, 6},
-                              {good, no_columns, 6, 6},
-                              {good, no_entries, 6, 6},
-                              {good, good, 0, 6},
-                              {good, good, 6, 0},
-                              {good, good, -2, -3}}) {
-        for (const Int stage : {0, 1, 2}) {
-            SCOPED_TRACE(testing::Message() << m << " x " << n << ", stage " << stage);
-            CsrOutput c = before;
-            c.multiply(stage, m, n, a, b);
-            multiply_dense(m, 6, n, a, b, c.val.data());
-            EXPECT_TRUE(c == before);
-        }
+// Threads that MKL started stay in the process, so their number is the greatest it was ever given.
+TEST(ThreadCount, OneZeroNegativeTwo) {
+    Random random(1);
+    const Csr a(random, 500, 500, 0.3);
+    for (const auto& [count, expected] : {std::pair{1, 1}, {0, 1}, {-3, 1}, {2, 2}}) {
+        qz_mkl_set_num_threads_int64(count);
+        expect_dense_product(random, dense_entries.front(), a, 9);
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}), expected) << count;
     }
 }
 
 // The stack that a call needs is promised to hosts.
 TEST(Stack, EveryEntryOnAThreadWith64Kilobytes) {
     const auto run = [](void*) -> void* {
-        expect_dense_products(Csr(300, 300, 0.1, 1), 9);
-        expect_transposed_products(300, 200, 250, 0.1, 0.1);
+        Random random(1);
+        for (const DenseEntry& e : dense_entries) {
+            expect_dense_product(random, e, Csr(random, 300, 300, 0.1), e.form == DenseEntry::vector_form ? 1 : 9);
+        }
+        Stages(random, {300, 200, 250, 0.1, 0.1}).run(20);
         return nullptr;
     };
     pthread_attr_t attributes;
@@ -340,14 +490,14 @@ TEST(Stack, EveryEntryOnAThreadWith64Kilobytes) {
     pthread_join(thread, nullptr);
 }
 
-TEST(TransposedProducts, EightThreadsAtOnce) {
+TEST(Threads, EightAtOnce) {
     std::vector<std::future<void>> calls; // which wait for their threads
     for (unsigned seed = 0; seed < 8; ++seed) {
         calls.push_back(std::async(std::launch::async, [seed] {
-            for (unsigned round = 0; round < 4; ++round) {
-                const Int m = 300 + 100 * seed;
-                expect_dense_products(Csr(m, m, 0.02, seed), 3);
-                expect_transposed_products(m, 200, 1000, 0.002 * (1 + round), 0.01, seed);
+            Random random(seed);
+            for (int round = 0; round < 10; ++round) {
+                dense_round(random);
+                stages_round(random, false);
             }
         }));
     }

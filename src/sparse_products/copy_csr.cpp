@@ -34,11 +34,13 @@ void copy_csr(const ExportedCsr& product, const CsrOperand& c) noexcept {
     if (product.rows_start == nullptr || product.rows < 0) {
         return; // nothing was exported
     }
+    // The column numbers alone tell the caller's own arrays, as after a refresh: in place of a null c_val, MKL
+    // exports values of its own.
+    if (c.col_ind != nullptr && product.col_indx == c.col_ind) {
+        return;
+    }
     if (c.row_ptr != nullptr) {
         std::copy_n(product.rows_start, product.rows + 1, c.row_ptr);
-    }
-    if (product.col_indx == c.col_ind && product.values == c.val) {
-        return; // the caller's own arrays, as after a refresh
     }
     const std::int64_t total = std::max<std::int64_t>(dense_size(c), 0);
     const std::int64_t stored = std::clamp<std::int64_t>(stored_entries(product), 0, total);

@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <dlfcn.h>
 #include <future>
 #include <numeric>
+#include <string>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -47,6 +49,15 @@ TEST_P(GuestScope, Loaded) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Flags, GuestScope, testing::Values(RTLD_LOCAL, RTLD_GLOBAL, RTLD_LOCAL | RTLD_DEEPBIND));
+
+// MKL asks for the name of the working folder when it is loaded.
+TEST(Guest, InARemovedWorkingFolder) {
+    std::string folder = testing::TempDir() + "csr_products.XXXXXX";
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    ASSERT_EQ(chdir(folder.c_str()), 0);
+    ASSERT_EQ(rmdir(folder.c_str()), 0);
+    expect_product(multiply_of(load()));
+}
 
 TEST(Guest, ClosedAndLoadedAgainWhileAThreadThatCalledItEnds) {
     for (int round = 0; round < 20; ++round) {

@@ -57,6 +57,7 @@ TEST(Guest, InARemovedWorkingFolder) {
     ASSERT_EQ(chdir(folder.c_str()), 0);
     ASSERT_EQ(rmdir(folder.c_str()), 0);
     expect_product(multiply_of(load()));
+    ASSERT_EQ(chdir("/"), 0);
 }
 
 TEST(Guest, ClosedAndLoadedAgainWhileAThreadThatCalledItEnds) {

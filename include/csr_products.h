@@ -19,25 +19,28 @@
 /// dimension ld is at i + j*ld, counted from 0.
 ///
 /// The caller owns every array. Operands are read and never written, so a const array may be passed
-/// through a const_cast. An output must not overlap an operand. Nothing that is allocated outlives a call,
-/// except the handle described with spgmatspgmattr_mkl_int64_new().
+/// through a const_cast. An output must not overlap an operand. After the first call of a process nothing
+/// that is allocated outlives a call, except the handle described with spgmatspgmattr_mkl_int64_new().
 ///
 /// @section threads Threads
 /// Calls with different outputs may run at the same time. A call needs at most 64 KB of stack. It may
-/// change `errno`. The child of a fork may call, whether the parent has called or not.
+/// change `errno`. The child of a fork may call, whether the parent has called or not, unless another
+/// thread of the parent was inside a call.
 ///
 /// @section exceptions Floating-point exceptions
 /// MKL may raise them on the way to a right result. A host that traps them disables the traps around each
 /// call (`feholdexcept`, `fesetenv`).
 ///
 /// @section failure Failure
-/// Nothing is reported, by contract: no status, no exception, no output. An operand cannot be wrapped as
+/// Nothing is reported, by contract: no status, no exception, no message. An operand cannot be wrapped as
 /// an MKL handle when one of its dimensions is <= 0, or when its `col_ind` or `row_ptr` is null; MKL checks
 /// nothing else about it. Each group of functions describes what a failed wrap does to the output. After
 /// any other failure the output holds what MKL left there.
 /// @warning The data() of an empty std::vector is null. A matrix without entries therefore needs a
-/// `col_ind` with at least one element, and a `val` too: with a null `val` the vector functions compute,
-/// but the matrix functions leave C as it was.
+/// `col_ind` with at least one element, and a `val` too. If only its `val` is null, the vector functions
+/// and the CSR product (as A) compute, and all others leave the output as it was. If its `col_ind` is null
+/// too, it cannot be wrapped before MKL 2025.1; from there on it behaves as if only `val` were null. A host
+/// must not rely on either.
 ///
 /// @section loading Loading
 /// A host that loads `libcsr_products.so.1` with dlopen finds each function by its symbol.
@@ -59,17 +62,16 @@
 ///
 /// A is m x k and sparse. `_G` takes A as it stands. `_S` treats A as symmetric (m = k): it uses the
 /// entries on and above the diagonal, and mirrors them. Those below may be stored or not. They may be
-/// read, but they never reach the result, even where they are NaN.
+/// read, but they never reach the result, even where they are NaN. With m < k, `_S` writes behind C.
 ///
 /// The short forms imply the leading dimensions k for B and m for C. The long forms take `ldb` >= k
 /// and `ldc` >= m. B holds ldb*n elements, C holds ldc*n. MKL does not check leading dimensions.
 /// Elements of C between m and ldc are not touched.
 ///
 /// **A failed wrap** sets the first m*k elements of `c` to 0.0, in the accumulating function too:
-/// A's own shape, neither C's m*n nor `ldc`. With k > n (or a positive product of two negative
-/// dimensions) that reaches past C, so a host that may pass an operand that cannot be wrapped
-/// provides max(m*n, m*k) elements. The product m*k is taken modulo 2^64; nothing is written when
-/// it is <= 0.
+/// A's own shape, neither C's m*n nor `ldc`. That reaches past C where m*k exceeds C's elements, so a
+/// host that may pass an operand that cannot be wrapped provides at least m*k. The product m*k is
+/// taken modulo 2^64, so that of two negative dimensions is positive; nothing is written when it is <= 0.
 /// @{
 
 /// C := A*B.
@@ -138,9 +140,11 @@ void spgmatgmatsum_mkl_S_int64(
 ///
 /// `b` is m x n, `c` is k x n and overwritten.
 /// @warning The leading dimensions are those of the plain product, k for B and m for C, for any m
-/// and k. They are correct only when m = k or n = 1. Otherwise the columns of C overlap (m < k), or
-/// those of B do (m > k). For a rectangular A and n > 1, pass A as square: s = max(m, k) instead of m
-/// and k, a `row_ptr` of s + 1 elements padded with its last one, and B and C with s rows.
+/// and k. They are correct only when m = k or n = 1. Otherwise the columns of C overlap and B is read up
+/// to (n-1)*k + m elements, beyond its m*n (m < k), or the columns of B overlap and C is written up to
+/// (n-1)*m + k elements, beyond its k*n (m > k). For a rectangular A and n > 1, pass A as square:
+/// s = max(m, k) instead of m and k, a `row_ptr` of s + 1 elements padded with its last one, and B and C
+/// with s rows.
 /// @par Symbol
 /// `_Z24spgmattrgmat_mkl_G_int64PdPlS0_S_lllS_`
 void spgmattrgmat_mkl_G_int64(
@@ -165,8 +169,8 @@ void spgmattrgmat_mkl_S_int64(
 /// A is m x k and sparse, `x` holds k elements, `y` holds m.
 ///
 /// **A failed wrap** sets the first m*k elements of `y` to 0.0, in the accumulating function too.
-/// That is A's shape and not y's length, so it reaches past y unless k is 1. The product m*k is taken
-/// modulo 2^64; nothing is written when it is <= 0.
+/// That is A's shape and not y's length, so it reaches past y where k > 1. The product m*k is taken
+/// modulo 2^64, so that of two negative dimensions is positive; nothing is written when it is <= 0.
 /// @{
 
 /// y := A*x.
@@ -216,7 +220,8 @@ void spgmatspgmattr_gmat_mkl_int64_new(
 /// `c_row_ptr` holds m + 1 elements. `c_val` and `c_col_ind` hold **m*n elements each**, the dense
 /// size of C, however few entries are stored. A call that computes the structure of C writes all of
 /// them: the stored entries first, then zeros. A refresh needs the stored entries alone. An output array
-/// that is null is not written.
+/// that is null is not written. Stage 2 needs `c_col_ind` and `c_row_ptr`: with either null it writes
+/// nothing.
 ///
 /// nnz is c_row_ptr[m] - 1. The column numbers within a row come in MKL's order, which need not be
 /// ascending. What each `stage` leaves:
@@ -227,12 +232,18 @@ void spgmatspgmattr_gmat_mkl_int64_new(
 ///   - **2 on any other arrays**, a refresh: new values for the column numbers that are there. The
 ///     row pointer, the column numbers and the elements behind the stored entries stay as they were.
 ///
-/// Stage 2 recognises the arrays that a count left by c_row_ptr[0] = 1 and c_col_ind[0] = 0. On any
-/// other arrays it refreshes the values. `c_col_ind` and `c_row_ptr` must then stand as a product of
-/// operands with the same structure left them, in that order; only the operands' values may have
-/// changed. A host that wants sorted columns sorts a copy, values and columns together.
+/// Stage 2 takes operands with the structure that they had at the count or at the product; only their
+/// values may have changed. A structure without entries has nothing to finish or to refresh: stage 2 then
+/// writes no element.
+///
+/// Stage 2 recognises the arrays that a count left by c_row_ptr[0] = 1, c_row_ptr[m] > 1 and
+/// c_col_ind[0] = 0. On any other arrays it refreshes the values. `c_col_ind` and `c_row_ptr` must then
+/// stand as a product of those operands left them, in that order. A host that wants sorted columns sorts a
+/// copy, values and columns together.
 /// @warning MKL does not check the column numbers of a refresh. Others than those of such a product
-/// corrupt the process's memory, and the same ones in another order may get one another's values.
+/// corrupt the process's memory, and the same ones in another order may get one another's values. So do
+/// operands of another structure. A `c_col_ind` that the host filled with zeros, or made zero-based, is
+/// taken for that of a count, and all m*n elements are then written.
 ///
 /// Each call that computes the structure of C leaves one MKL handle behind: stages 0 and 1, and stage 2
 /// after a count. With some releases of MKL a product that MKL refuses leaves one too. A refresh leaves

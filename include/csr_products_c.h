@@ -26,7 +26,7 @@ void spgmatgmat_mkl_G_int64_ld(const double* val, const int64_t* col_ind, const 
     int64_t ldb, int64_t m, int64_t k, int64_t n, double* c, int64_t ldc)
     __asm__("_Z22spgmatgmat_mkl_G_int64PdPlS0_S_llllS_l");
 
-/// C := A*B, A symmetric by its upper triangle.
+/// C := A*B, A symmetric by its upper triangle. With m < k, here and in the other `_S`, it writes behind C.
 void spgmatgmat_mkl_S_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
     int64_t m, int64_t k, int64_t n, double* c) __asm__("_Z22spgmatgmat_mkl_S_int64PdPlS0_S_lllS_");
 /// C := A*B, A symmetric by its upper triangle, with leading dimensions.
@@ -46,7 +46,8 @@ void spgmatgmatsum_mkl_S_int64(const double* val, const int64_t* col_ind, const 
     __asm__("_Z25spgmatgmatsum_mkl_S_int64PdPlS0_S_llllS_l");
 
 /// C := A^T*B.
-/// @warning Correct only when m = k or n = 1: the leading dimensions are k for B and m for C.
+/// @warning Correct only when m = k or n = 1: the leading dimensions are k for B and m for C. Otherwise B is
+/// read, or C is written, beyond its end.
 void spgmattrgmat_mkl_G_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
     int64_t m, int64_t k, int64_t n, double* c) __asm__("_Z24spgmattrgmat_mkl_G_int64PdPlS0_S_lllS_");
 /// C := A^T*B, A symmetric.
@@ -67,9 +68,10 @@ void spgmatspgmattr_gmat_mkl_int64_new(int64_t m, int64_t k, int64_t n,
     double* c) __asm__("_Z33spgmatspgmattr_gmat_mkl_int64_newlllPdPlS0_S_S0_S0_S_");
 
 /// C := A*B^T, one-based CSR: `stage` 0 in one call, 1 a count, 2 its finish or a refresh of the values.
-/// `c_val` and `c_col_ind` hold m*n elements each.
-/// @warning A refresh takes `c_col_ind` and `c_row_ptr`
-/// unchecked: they must stand as a product left them, in that order.
+/// `c_val` and `c_col_ind` hold m*n elements each. Stage 2 needs `c_col_ind` and `c_row_ptr`; it writes
+/// nothing where the product has no entries.
+/// @warning Stage 2 takes operands with the structure that they had at the count or the product. A refresh
+/// takes `c_col_ind` and `c_row_ptr` unchecked: they must stand as that product left them, in that order.
 void spgmatspgmattr_mkl_int64_new(int64_t stage, int64_t m, int64_t k, int64_t n,
     const double* a_val, const int64_t* a_col_ind, const int64_t* a_row_ptr,
     const double* b_val, const int64_t* b_col_ind, const int64_t* b_row_ptr,

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -84,7 +85,7 @@ void run_rsb(const rsb_mtx_t* a, const Product& product, const double* b, Int ld
 
 } // namespace
 
-std::vector<Contender> contenders(const HostMatrix& a, const Product& product, double* b, double* c) {
+Contest contest(const HostMatrix& a, const Product& product, double* b, double* c) {
     const RsbMatrix rsb = rsb_matrix(a.eigen(), product.kind == Product::symmetric);
     std::vector<Contender> all{
         {"entry", [&a, product, b, c] { run_entry(a, product, b, c); }},
@@ -95,45 +96,63 @@ std::vector<Contender> contenders(const HostMatrix& a, const Product& product, d
     if (!__builtin_cpu_supports("avx2")) {
         all.erase(std::find_if(all.begin(), all.end(), [](const Contender& x) { return x.name == "eigen-avx2"; }));
     }
-    return all;
+    return {all, [result = Eigen::Map<MatrixXd>(c, a.rows(), product.columns)]() mutable {
+                MatrixXd taken = result;
+                result.setOnes();
+                return taken;
+            }};
 }
 
-std::vector<Contender> transposed_dense_contenders(const HostMatrix& a) {
+Contest transposed_dense_contest(const HostMatrix& a) {
     const Int m = a.rows();
     const auto c = std::make_shared<MatrixXd>(m, m);
-    return {{"entry",
-             [&a, m, c] {
-                 spgmatspgmattr_gmat_mkl_int64_new(m, a.cols(), m, a.val(), a.col_ind(), a.row_ptr(), a.val(),
-                                                   a.col_ind(), a.row_ptr(), c->data());
-             }},
-            {"direct", [&a, c] { direct::multiply_transposed(operand(a), operand(a), c->data()); }},
-            {"eigen", [&a, c] { *c = EigenMatrix(a.eigen() * EigenMatrix(a.eigen().transpose())); }}};
+    return {{{"entry",
+              [&a, m, c] {
+                  spgmatspgmattr_gmat_mkl_int64_new(m, a.cols(), m, a.val(), a.col_ind(), a.row_ptr(), a.val(),
+                                                    a.col_ind(), a.row_ptr(), c->data());
+              }},
+             {"direct", [&a, c] { direct::multiply_transposed(operand(a), operand(a), c->data()); }},
+             {"eigen", [&a, c] { *c = EigenMatrix(a.eigen() * EigenMatrix(a.eigen().transpose())); }}},
+            [c, m] { return std::exchange(*c, MatrixXd::Ones(m, m)); }};
 }
 
-std::vector<Contender> transposed_csr_contenders(const HostMatrix& a) {
+Contest transposed_csr_contest(const HostMatrix& a) {
     struct Result {
         Eigen::VectorXd val;
         Eigen::Matrix<Int, Eigen::Dynamic, 1> col_ind;
         Eigen::Matrix<Int, Eigen::Dynamic, 1> row_ptr;
+        EigenMatrix eigen; // Eigen's own
     };
     const Int m = a.rows();
     const auto c = std::make_shared<Result>();
     c->val.setZero(m * m);
     c->col_ind.setZero(m * m);
-    c->row_ptr.setZero(m + 1);
-    return {{"entry",
-             [&a, m, c] {
-                 Int ignored = 0;
-                 spgmatspgmattr_mkl_int64_new(0, m, a.cols(), m, a.val(), a.col_ind(), a.row_ptr(), a.val(),
-                                              a.col_ind(), a.row_ptr(), 0, c->val.data(), c->col_ind.data(),
-                                              c->row_ptr.data(), ignored);
-             }},
-            {"direct",
-             [&a, m, c] {
-                 direct::multiply_transposed(operand(a), operand(a),
-                                             {m, m, c->val.data(), c->col_ind.data(), c->row_ptr.data()});
-             }},
-            {"eigen", [&a] { const EigenMatrix product = a.eigen() * EigenMatrix(a.eigen().transpose()); }}};
+    c->row_ptr.setOnes(m + 1);
+    c->eigen.resize(m, m);
+    return {{{"entry",
+              [&a, m, c] {
+                  Int ignored = 0;
+                  spgmatspgmattr_mkl_int64_new(0, m, a.cols(), m, a.val(), a.col_ind(), a.row_ptr(), a.val(),
+                                               a.col_ind(), a.row_ptr(), 0, c->val.data(), c->col_ind.data(),
+                                               c->row_ptr.data(), ignored);
+              }},
+             {"direct",
+              [&a, m, c] {
+                  direct::multiply_transposed(operand(a), operand(a),
+                                              {m, m, c->val.data(), c->col_ind.data(), c->row_ptr.data()});
+              }},
+             {"eigen", [&a, c] { c->eigen = a.eigen() * EigenMatrix(a.eigen().transpose()); }}},
+            [c, m] { // one of the two results is empty
+                MatrixXd taken(c->eigen);
+                for (Int i = 0; i < m; ++i) {
+                    for (Int p = c->row_ptr[i] - 1; p < c->row_ptr[i + 1] - 1; ++p) {
+                        taken(i, c->col_ind[p] - 1) += c->val[p];
+                    }
+                }
+                c->row_ptr.setOnes();
+                c->eigen.setZero();
+                return taken;
+            }};
 }
 
 void set_threads(int count) {

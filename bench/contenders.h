@@ -12,12 +12,17 @@ struct Contender {
     std::function<void()> run;
 };
 
-// The entry and its peers on the same arrays, ready to run; what they prepare is not measured.
-std::vector<Contender> contenders(const HostMatrix& a, const Product& product, double* b, double* c);
+// The entry and, behind it, its peers on the same arrays, ready to run; what they prepare is not measured.
+struct Contest {
+    std::vector<Contender> contenders;
+    std::function<Eigen::MatrixXd()> take_result; // of the last run; the next one finds ones in a dense result
+};
+
+Contest contest(const HostMatrix& a, const Product& product, double* b, double* c);
 
 // A * A^T with a dense result, and with a CSR result.
-std::vector<Contender> transposed_dense_contenders(const HostMatrix& a);
-std::vector<Contender> transposed_csr_contenders(const HostMatrix& a);
+Contest transposed_dense_contest(const HostMatrix& a);
+Contest transposed_csr_contest(const HostMatrix& a);
 
 // Sets the threads of the library, of MKL as called directly, of Eigen and of librsb.
 void set_threads(int count);

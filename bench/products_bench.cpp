@@ -10,14 +10,18 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
 namespace {
 
 constexpr Int greatest_columns = 32;
+constexpr double greatest_difference = 1e-12;
 constexpr Int limit_elements = 10'000'000; // of each of three arrays, far beyond the caches
 
 // 1, 2, 4 ... and as many as the machine has.
@@ -37,10 +41,14 @@ std::int64_t traffic(const HostMatrix& a, const Product& product) {
     return 16 * a.stored() + 8 * a.rows() + 8 * product.columns * (a.cols() + c_transfers * a.rows());
 }
 
-void add(const std::string& name, int threads, std::int64_t bytes, const std::function<void()>& run) {
+void add(
+    const std::string& name, int threads, std::int64_t bytes, const std::function<void()>& run,
+    const std::function<void()>& check = [] {}) {
+    const auto checked = std::make_shared<std::once_flag>();
     benchmark::RegisterBenchmark(name.c_str(),
                                  [=](benchmark::State& state) {
                                      set_threads(threads);
+                                     std::call_once(*checked, check);
                                      run();
                                      for ([[maybe_unused]] auto _ : state) {
                                          run();
@@ -50,6 +58,22 @@ void add(const std::string& name, int threads, std::int64_t bytes, const std::fu
                                  })
         ->UseRealTime()
         ->Unit(benchmark::kMillisecond);
+}
+
+// A contender whose result is not the entry's is not timed, and ends the program.
+void add(const std::string& name, int threads, std::int64_t bytes, const std::shared_ptr<Contest>& contest,
+         const Contender& contender) {
+    add(name + "/" + contender.name, threads, bytes, contender.run, [=] {
+        contest->take_result();
+        contest->contenders.front().run();
+        const Eigen::MatrixXd expected = contest->take_result();
+        contender.run();
+        const double difference = (contest->take_result() - expected).norm();
+        if (!(difference <= greatest_difference * expected.norm()) || expected.norm() == 0) {
+            fmt::print(stderr, "products_bench: {}/{}: not the entry's result\n", name, contender.name);
+            std::exit(1);
+        }
+    });
 }
 
 void add_products(const std::string& name, const HostMatrix& a, bool symmetric, bool quick) {
@@ -63,24 +87,26 @@ void add_products(const std::string& name, const HostMatrix& a, bool symmetric, 
     const auto b = std::make_shared<Eigen::MatrixXd>(Eigen::MatrixXd::Random(a.cols(), greatest_columns));
     const auto c = std::make_shared<Eigen::MatrixXd>(Eigen::MatrixXd::Zero(a.rows(), greatest_columns));
     for (const Product& product : products) {
-        for (const Contender& contender : contenders(a, product, b->data(), c->data())) {
+        const auto peers = std::make_shared<Contest>(contest(a, product, b->data(), c->data()));
+        for (const Contender& contender : peers->contenders) {
             for (const int threads : thread_counts()) {
                 if (quick && (threads != thread_counts().back() || product.columns == greatest_columns)) {
                     continue;
                 }
-                add(fmt::format("{}/{}/{}/{}/{}", product.name, name, product.columns, threads, contender.name),
-                    threads, traffic(a, product), [b, c, run = contender.run] { run(); });
+                add(fmt::format("{}/{}/{}/{}", product.name, name, product.columns, threads), threads,
+                    traffic(a, product), peers, {contender.name, [b, c, run = contender.run] { run(); }});
             }
         }
     }
 }
 
 void add_transposed(const std::string& product, const std::string& name, const HostMatrix& a, std::int64_t result_bytes,
-                    const std::vector<Contender>& peers) {
-    for (const Contender& contender : peers) {
+                    const Contest& contest) {
+    const auto peers = std::make_shared<Contest>(contest);
+    for (const Contender& contender : peers->contenders) {
         for (const int threads : thread_counts()) {
-            add(fmt::format("{}/{}/{}/{}/{}", product, name, a.rows(), threads, contender.name), threads,
-                32 * a.stored() + result_bytes, contender.run);
+            add(fmt::format("{}/{}/{}/{}", product, name, a.rows(), threads), threads, 32 * a.stored() + result_bytes,
+                peers, contender);
         }
     }
 }
@@ -133,8 +159,8 @@ int main(int argc, char** argv) {
     const HostMatrix thin(random_matrix(3000, 300'000, 10)); // a very sparse one
     for (const auto& [name, a] : {std::pair<std::string, const HostMatrix&>{"full", wide}, {"sparse", thin}}) {
         const Int elements = a.rows() * a.rows();
-        add_transposed("A*A^T dense", name, a, 8 * elements, transposed_dense_contenders(a));
-        add_transposed("A*A^T CSR", name, a, 16 * elements, transposed_csr_contenders(a));
+        add_transposed("A*A^T dense", name, a, 8 * elements, transposed_dense_contest(a));
+        add_transposed("A*A^T CSR", name, a, 16 * elements, transposed_csr_contest(a));
     }
     benchmark::RunSpecifiedBenchmarks();
     return 0;

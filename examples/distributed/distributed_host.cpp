@@ -12,6 +12,7 @@
 #include <array>
 #include <cctype>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <limits>
 #include <new>
@@ -64,6 +65,11 @@ T greatest(T value, MPI_Datatype type) {
     return value;
 }
 
+// What all ranks find wrong, so that each of them ends by itself.
+struct CommonError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
 // Throws what PETSc says first about an error, without its traceback. For calls that fail on all ranks or on none,
 // as those that read options do.
 template <class Call>
@@ -81,7 +87,7 @@ void throw_if_fails(Call call) {
     const PetscErrorCode code = call();
     check(PetscPopErrorHandler());
     if (code != 0) {
-        throw std::runtime_error("PETSc: " + message);
+        throw CommonError("PETSc: " + message);
     }
 }
 
@@ -147,7 +153,7 @@ bool solve(Mat aij, DistributedOperator& a, bool symmetric, const Options& optio
         if (!petsc_prints(options)) {
             progress.emplace(solver);
         }
-        throw_if_fails([&] { return KSPSolve(solver, b, x); });
+        check(KSPSolve(solver, b, x));
     }
     const double seconds = MPI_Wtime() - start;
     check(KSPGetType(solver, &name));
@@ -333,7 +339,7 @@ void expect_all_options_used(const Options& options) {
             check(PetscOptionsUsed(nullptr, option.c_str() + 1, &used));
         }
         if (used == PETSC_FALSE) {
-            throw std::runtime_error(fmt::format("PETSc has no use for the option {}", option));
+            throw CommonError(fmt::format("PETSc has no use for the option {}", option));
         }
     }
 }
@@ -375,8 +381,9 @@ int run(const Options& options) {
     if (!converged && must_converge) {
         print(stderr, "distributed_host: the Poisson problem did not converge\n");
     }
-    if (std::fflush(stdout) != 0) {
-        throw std::runtime_error("standard output cannot be written");
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        fmt::print(stderr, "distributed_host: standard output cannot be written\n");
+        return 1;
     }
     return agrees && (converged || !must_converge) ? 0 : 2;
 }
@@ -426,9 +433,11 @@ bool parse(int argc, char** argv, Options& options) {
     } catch (const CLI::CallForHelp&) {
         print(stdout, "{}", app.help());
         return false;
+    } catch (const CLI::ParseError& error) {
+        throw CommonError(error.what());
     }
     if (file->count() > 0 && options.path.empty()) {
-        throw std::runtime_error("'': cannot be read");
+        throw CommonError("'': cannot be read");
     }
     return true;
 }
@@ -452,9 +461,12 @@ int main(int argc, char** argv) {
             status = run(options);
             check(PetscFinalize());
         }
-    } catch (const std::exception& error) {
+    } catch (const CommonError& error) {
         print(stderr, "distributed_host: {}\n", error.what());
         status = 1;
+    } catch (const std::exception& error) { // the other ranks would wait for this one
+        fmt::print(stderr, "distributed_host: rank {}: {}\n", rank_of_this_process(), error.what());
+        MPI_Abort(MPI_COMM_WORLD, 1);
     }
     MPI_Finalize();
     return status;

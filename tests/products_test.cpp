@@ -210,13 +210,9 @@ void dense_round(Random& random) {
 // One pair of operands and one set of outputs, through a random sequence of calls.
 class Stages {
 public:
-    struct Shape {
-        Int m, k, n;
-        double a_density, b_density;
-    };
-
-    Stages(Random& random, Shape shape, bool sets_threads = true)
-        : random_(random), shape_(shape), sets_threads_(sets_threads) {
+    Stages(Random& random, Int m, Int k, Int n, double a_density, double b_density, bool sets_threads = true)
+        : random_(random), m_(m), k_(k), n_(n), a_density_(a_density), b_density_(b_density),
+          sets_threads_(sets_threads) {
         change_structure();
     }
 
@@ -225,22 +221,15 @@ public:
             if (sets_threads_) {
                 qz_mkl_set_num_threads_int64(static_cast<int>(random_.between(1, 5)));
             }
-
-            switch (random_.between(0, 9)) {
-            case 0:
+            if (random_.one_in(10)) {
                 change_structure();
-                break;
-            case 1:
+            } else if (random_.one_in(10)) {
                 change_values();
-                break;
-            case 2:
-            case 3:
+            } else if (random_.one_in(4)) {
                 compress();
-                break;
-            case 4:
+            } else if (random_.one_in(7)) {
                 expect_refusal();
-                break;
-            default:
+            } else {
                 expect_stage();
             }
         }
@@ -252,9 +241,9 @@ private:
     enum NullArray : unsigned { val = 1, col_ind = 2, row_ptr = 4 };
 
     void change_structure() {
-        a_ = Csr(random_, m_, k_, shape_.a_density);
+        a_ = Csr(random_, m_, k_, a_density_);
         do {
-            b_ = Csr(random_, n_, k_, shape_.b_density);
+            b_ = Csr(random_, n_, k_, b_density_);
         } while (b_.stored() == 0); // MKL refuses such a B
         state_ = anything;
         compute_product();
@@ -269,11 +258,9 @@ private:
     // Keeps the stored entries alone, which is all that stage 2 needs, or what a host may have behind them.
     void compress() {
         if (state_ == structure_of_product || (state_ == count_of_operands && stored_ == 0)) {
-            const std::size_t capacity = random_.one_in(2) ? c_.val.size() : size(stored_);
-            c_.val.resize(size(stored_));
-            c_.col_ind.resize(size(stored_));
-            c_.val.resize(capacity, untouched);
-            c_.col_ind.resize(capacity, untouched);
+            const Int capacity = random_.one_in(2) ? Int(c_.val.size()) : stored_;
+            resize_entries(c_, stored_);
+            resize_entries(c_, capacity);
         }
     }
 
@@ -322,31 +309,35 @@ private:
             c.at(size(row + col * m_)) = value;
         });
         EXPECT_EQ(c, expected);
-        stored_ = std::count_if(expected.begin(), expected.end(), [](double x) { return x != 0.0; });
+        const Int zeros = std::count(expected.begin(), expected.end(), 0.0);
+        stored_ = m_ * n_ - zeros;
         EXPECT_EQ(product_.row_ptr.back(), stored_ + 1);
-        EXPECT_EQ(std::count(product_.val.begin() + stored_, product_.val.end(), 0.0), m_ * n_ - stored_);
-        EXPECT_EQ(std::count(product_.col_ind.begin() + stored_, product_.col_ind.end(), 0), m_ * n_ - stored_);
+        EXPECT_EQ(std::count(product_.val.begin() + stored_, product_.val.end(), 0.0), zeros);
+        EXPECT_EQ(std::count(product_.col_ind.begin() + stored_, product_.col_ind.end(), 0), zeros);
     }
 
     CsrArrays room_for_product() const {
-        CsrArrays c;
-        c.val.resize(size(m_ * n_), untouched);
-        c.col_ind.resize(c.val.size(), untouched);
-        c.row_ptr.resize(size(m_ + 1), untouched);
+        CsrArrays c(m_ * n_, m_ + 1);
+        resize_entries(c, m_ * n_);
+        c.row_ptr.resize(size(m_ + 1));
         return c;
+    }
+
+    static void resize_entries(CsrArrays& c, Int entries) {
+        c.val.resize(size(entries), untouched);
+        c.col_ind.resize(size(entries), untouched);
     }
 
     void expect_stage() {
         const Int stage = state_ != anything && random_.one_in(2) ? 2 : random_.between(0, 1);
         const unsigned null = random_.one_in(4)   ? static_cast<unsigned>(random_.between(1, 7))
-                              : random_.one_in(3) ? val
-                                                  : 0;
+                              : random_.one_in(3) ? unsigned{val}
+                                                  : 0U;
         SCOPED_TRACE(testing::Message() << "stage " << stage << ", state " << state_ << ", null arrays " << null);
         const bool finishes = state_ == count_of_operands && stored_ > 0;
         const bool has_structure = (null & (col_ind | row_ptr)) == 0; // or stage 2 does nothing
         if (stage != 2) {
-            c_.val.resize(product_.val.size(), untouched);
-            c_.col_ind.resize(product_.val.size(), untouched);
+            resize_entries(c_, m_ * n_);
         }
         CsrArrays expected = c_;
         if (stage == 0 || (stage == 2 && finishes && has_structure)) {
@@ -378,44 +369,38 @@ private:
         const Operand empty_b(random_, Csr(random_, n_, k_, 0.0));
         CsrOperand a = good_a;
         CsrOperand b = good_b;
-        std::array<Int, 3> shape{m_, k_, n_};
-        const auto& [m, k, n] = shape;
-        const Int kind = random_.between(0, 6);
+        Int m = m_;
+        Int k = k_;
+        Int n = n_;
+        Int* const dimensions[] = {&m, &k, &n};
+        const Int kind = random_.between(0, 4);
         const Int stage = random_.between(0, 2);
         SCOPED_TRACE(testing::Message() << "refusal " << kind << ", stage " << stage << ", state " << state_);
-        switch (kind) {
-        case 0:
-        case 1:
-            (kind == 0 ? a : b).col_ind = nullptr;
-            break;
-        case 2:
-        case 3:
-            (kind == 2 ? a : b).row_ptr = nullptr;
-            break;
-        case 4:
+        if (kind == 0) {
+            (random_.one_in(2) ? a : b).col_ind = nullptr;
+        } else if (kind == 1) {
+            (random_.one_in(2) ? a : b).row_ptr = nullptr;
+        } else if (kind == 2) {
+            *dimensions[random_.between(0, 2)] = random_.between(-3, 0);
+            *dimensions[random_.between(0, 2)] = random_.between(-3, 0);
+        } else if (kind == 3) {
             b = empty_b;
-            break;
-        case 5:
+        } else {
             a = {nullptr, empty_a.col_ind, empty_a.row_ptr};
-            break;
-        default:
-            shape[size(random_.between(0, 2))] = random_.between(-3, 0);
-            shape[size(random_.between(0, 2))] = random_.between(-3, 0);
         }
-        if (kind != 5) {
+        const Dense unwritten(size(m_ * n_), untouched);
+        const Exact<double> dense(random_, unwritten);
+        multiply_dense(m, k, n, a, b, dense);
+        EXPECT_EQ(dense.content(), unwritten);
+        if (kind != 4) {
             EXPECT_TRUE(call(c_, 0, [&](CsrOperand c) { multiply_csr(stage, m, k, n, a, b, c); }) == c_);
         }
-        const Exact<double> dense(random_, Dense(size(m_ * n_), untouched));
-        multiply_dense(m, k, n, a, b, dense);
-        EXPECT_EQ(dense.content(), Dense(size(m_ * n_), untouched));
     }
 
     Random& random_;
-    Shape shape_;
+    Int m_, k_, n_;
+    double a_density_, b_density_;
     bool sets_threads_;
-    Int m_ = shape_.m;
-    Int k_ = shape_.k;
-    Int n_ = shape_.n;
     Csr a_{random_, 1, 1, 0.0};
     Csr b_ = a_;
     CsrArrays c_ = room_for_product();
@@ -425,9 +410,9 @@ private:
 };
 
 void stages_round(Random& random, bool sets_threads) {
-    const auto dimension = [&] { return random.dimension(); };
-    Stages(random, {dimension(), dimension(), dimension(), random.density(), random.density() + 0.01}, sets_threads)
-        .run(15);
+    const Int m = random.dimension();
+    const Int k = random.dimension();
+    Stages(random, m, k, random.dimension(), random.density(), random.density() + 0.01, sets_threads).run(15);
 }
 
 void run_rounds(const std::function<void(Random&)>& round) {
@@ -457,8 +442,8 @@ TEST(TransposedProducts, AgreeWithPlainLoopsInAnyStage) {
 // all threads.
 TEST(TransposedProducts, LargeOnes) {
     Random random(1);
-    Stages(random, {700, 50, 600, 1.0, 1.0}).run(20);
-    Stages(random, {2000, 2000, 2000, 5e-4, 5e-4}).run(20);
+    Stages(random, 700, 50, 600, 1.0, 1.0).run(20);
+    Stages(random, 2000, 2000, 2000, 5e-4, 5e-4).run(20);
 }
 
 // Threads that MKL started stay in the process, so their number is the greatest it was ever given.
@@ -479,7 +464,7 @@ TEST(Stack, EveryEntryOnAThreadWith64Kilobytes) {
         for (const DenseEntry& e : dense_entries) {
             expect_dense_product(random, e, Csr(random, 300, 300, 0.1), e.form == DenseEntry::vector_form ? 1 : 9);
         }
-        Stages(random, {300, 200, 250, 0.1, 0.1}).run(20);
+        Stages(random, 300, 200, 250, 0.1, 0.1).run(20);
         return nullptr;
     };
     pthread_attr_t attributes;

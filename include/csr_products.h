@@ -219,12 +219,15 @@ void spgmatspgmattr_gmat_mkl_int64_new(
 ///
 /// `c_row_ptr` holds m + 1 elements. `c_val` and `c_col_ind` hold **m*n elements each**, the dense
 /// size of C, however few entries are stored. A call that computes the structure of C writes all of
-/// them: the stored entries first, then zeros. A refresh needs the stored entries alone. An output array
-/// that is null is not written. Stage 2 needs `c_col_ind` and `c_row_ptr`: with either null it writes
-/// nothing.
+/// them: the stored entries first, then zeros. A refresh needs the stored entries alone.
+///
+/// An output array that is null is not written. Stage 2 needs `c_col_ind` and `c_row_ptr`: with either
+/// null it writes nothing. One call with a null `c_val`, then a refresh into the stored entries, takes half
+/// the memory. A count with `c_val` and `c_col_ind` null takes no m*n elements at all.
 ///
 /// nnz is c_row_ptr[m] - 1. The column numbers within a row come in MKL's order, which need not be
-/// ascending. What each `stage` leaves:
+/// ascending. That order depends on nothing but this row of A and the rows of B that share a column with
+/// it. C may be an operand of another call as it stands. What each `stage` leaves:
 ///
 ///   - **Any value but 1 and 2**, conventionally 0: the row pointer and the product.
 ///   - **1**, a count: the row pointer. `c_col_ind` and `c_val` are all zeros.
@@ -232,24 +235,29 @@ void spgmatspgmattr_gmat_mkl_int64_new(
 ///   - **2 on any other arrays**, a refresh: new values for the column numbers that are there. The
 ///     row pointer, the column numbers and the elements behind the stored entries stay as they were.
 ///
-/// Stage 2 takes operands with the structure that they had at the count or at the product; only their
-/// values may have changed. A structure without entries has nothing to finish or to refresh: stage 2 then
-/// writes no element.
+/// Stage 2 takes operands with the structure that they had at the count or at the product, the columns of
+/// each row in the same order; only their values may have changed. A structure without entries has nothing
+/// to finish or to refresh: stage 2 then writes no element.
 ///
 /// Stage 2 recognises the arrays that a count left by c_row_ptr[0] = 1, c_row_ptr[m] > 1 and
 /// c_col_ind[0] = 0. On any other arrays it refreshes the values. `c_col_ind` and `c_row_ptr` must then
 /// stand as a product of those operands left them, in that order. A host that wants sorted columns sorts a
 /// copy, values and columns together.
 /// @warning MKL does not check the column numbers of a refresh. Others than those of such a product
-/// corrupt the process's memory, and the same ones in another order may get one another's values. So do
-/// operands of another structure. A `c_col_ind` that the host filled with zeros, or made zero-based, is
-/// taken for that of a count, and all m*n elements are then written.
+/// corrupt the process's memory, and so do operands of another structure. The same columns in another
+/// order, in C or in an operand, may give wrong values. A `c_col_ind` that the host filled with zeros, or
+/// made zero-based, is taken for that of a count, and all m*n elements are then written.
+///
+/// A host may put `c_col_ind` and `c_row_ptr` together from smaller products, and then refresh them: each
+/// product takes some rows of A and only the rows of B that share a column with them. The rows of B that
+/// are left keep their order, and so do the columns, which may be numbered anew. This takes memory for the
+/// entries of C in place of m*n elements; `examples/large` shows it.
 ///
 /// Each call that computes the structure of C leaves one MKL handle behind: stages 0 and 1, and stage 2
 /// after a count. With some releases of MKL a product that MKL refuses leaves one too. A refresh leaves
 /// none. A handle takes 17 to 26 KB, by the release.
 ///
-/// `ignored_count` is never read, `ignored_result` never written.
+/// `ignored_count` is never read. `ignored_result` is neither read nor written; in C it may be null.
 /// @par Symbol
 /// `_Z28spgmatspgmattr_mkl_int64_newllllPdPlS0_S_S0_S0_lS_S0_S0_Rl`
 void spgmatspgmattr_mkl_int64_new(

@@ -69,7 +69,7 @@ void spgmatspgmattr_gmat_mkl_int64_new(int64_t m, int64_t k, int64_t n,
 
 /// C := A*B^T, one-based CSR: `stage` 0 in one call, 1 a count, 2 its finish or a refresh of the values.
 /// `c_val` and `c_col_ind` hold m*n elements each. Stage 2 needs `c_col_ind` and `c_row_ptr`; it writes
-/// nothing where the product has no entries.
+/// nothing where the product has no entries. `ignored_result` may be null.
 /// @warning Stage 2 takes operands with the structure that they had at the count or the product. A refresh
 /// takes `c_col_ind` and `c_row_ptr` unchecked: they must stand as that product left them, in that order.
 void spgmatspgmattr_mkl_int64_new(int64_t stage, int64_t m, int64_t k, int64_t n,

@@ -89,6 +89,13 @@ inline void multiply_dense(Int m, Int k, Int n, CsrOperand a, CsrOperand b, doub
     spgmatspgmattr_gmat_mkl_int64_new(m, k, n, a.val, a.col_ind, a.row_ptr, b.val, b.col_ind, b.row_ptr, c);
 }
 
+// The CSR product as C has it, where the last argument may be null.
+void multiply_csr_in_c(
+    Int stage, Int m, Int k, Int n, const double* a_val, const Int* a_col_ind, const Int* a_row_ptr,
+    const double* b_val, const Int* b_col_ind, const Int* b_row_ptr, Int ignored_count, double* c_val, Int* c_col_ind,
+    Int* c_row_ptr,
+    const Int* ignored_result) __asm__("_Z28spgmatspgmattr_mkl_int64_newllllPdPlS0_S_S0_S0_lS_S0_S0_Rl");
+
 inline void multiply_csr(Int stage, Int m, Int k, Int n, CsrOperand a, CsrOperand b, CsrOperand c) {
     Int ignored_result = untouched;
     spgmatspgmattr_mkl_int64_new(stage, m, k, n, a.val, a.col_ind, a.row_ptr, b.val, b.col_ind, b.row_ptr, -1, c.val,

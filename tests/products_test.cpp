@@ -113,12 +113,34 @@ void each(const CsrArrays& a, Visit visit) {
     }
 }
 
+// For each row or column 0, or where it is chosen its number among the chosen ones, from 1.
+using Numbers = std::vector<Int>;
+
+Int number(Numbers& chosen) {
+    Int count = 0;
+    std::for_each(chosen.begin(), chosen.end(), [&](Int& each) { each = each != 0 ? ++count : 0; });
+    return count;
+}
+
+CsrArrays part(const CsrArrays& whole, const Numbers& rows, const Numbers& columns) {
+    CsrArrays chosen;
+    chosen.row_ptr.resize(size(*std::max_element(rows.begin(), rows.end()) + 1), 1);
+    each(whole, [&](Int row, Int col, double value) {
+        if (rows[size(row)] != 0 && columns[size(col)] != 0) {
+            chosen.col_ind.push_back(columns[size(col)]);
+            chosen.val.push_back(value);
+            std::fill(chosen.row_ptr.begin() + rows[size(row)], chosen.row_ptr.end(), Int(chosen.val.size()) + 1);
+        }
+    });
+    return chosen;
+}
+
 // An operand as the library gets it: it cannot be written.
 struct Operand {
     Exact<double> val;
     Exact<Int> col_ind, row_ptr;
 
-    Operand(Random& random, const Csr& a)
+    Operand(Random& random, const CsrArrays& a)
         : val(random, a.val, PROT_READ), col_ind(random, a.col_ind, PROT_READ), row_ptr(random, a.row_ptr, PROT_READ) {}
 
     operator CsrOperand() const { return {val, col_ind, row_ptr}; }
@@ -229,6 +251,8 @@ public:
                 compress();
             } else if (random_.one_in(7)) {
                 expect_refusal();
+            } else if (random_.one_in(4)) {
+                expect_local_product();
             } else {
                 expect_stage();
             }
@@ -269,8 +293,14 @@ private:
         const Operand a(random_, a_);
         const Operand b(random_, b_);
         const bool null_val = a_.stored() == 0 && random_.one_in(2);
+        double* const a_val = null_val ? nullptr : +a.val;
         return call(before, null, [&](CsrOperand c) {
-            multiply_csr(stage, m_, k_, n_, {null_val ? nullptr : +a.val, a.col_ind, a.row_ptr}, b, c);
+            if (random_.one_in(2)) {
+                multiply_csr(stage, m_, k_, n_, {a_val, a.col_ind, a.row_ptr}, b, c);
+            } else {
+                multiply_csr_in_c(stage, m_, k_, n_, a_val, a.col_ind, a.row_ptr, b.val, b.col_ind, b.row_ptr, -1,
+                                  c.val, c.col_ind, c.row_ptr, nullptr);
+            }
         });
     }
 
@@ -302,7 +332,7 @@ private:
         multiply_dense(m_, k_, n_, Operand(random_, a_), Operand(random_, b_), dense);
         EXPECT_EQ(dense.content(), expected);
 
-        product_ = call(0, room_for_product());
+        product_ = call(0, room_for_product(m_, n_));
         Dense c(expected.size());
         each(product_, [&](Int row, Int col, double value) {
             EXPECT_EQ(c.at(size(row + col * m_)), 0.0) << "an entry stands twice, or is zero";
@@ -316,10 +346,10 @@ private:
         EXPECT_EQ(std::count(product_.col_ind.begin() + stored_, product_.col_ind.end(), 0), zeros);
     }
 
-    CsrArrays room_for_product() const {
-        CsrArrays c(m_ * n_, m_ + 1);
-        resize_entries(c, m_ * n_);
-        c.row_ptr.resize(size(m_ + 1));
+    static CsrArrays room_for_product(Int m, Int n) {
+        CsrArrays c(m * n, m + 1);
+        resize_entries(c, m * n);
+        c.row_ptr.resize(size(m + 1));
         return c;
     }
 
@@ -397,13 +427,42 @@ private:
         }
     }
 
+    // Some rows of A times only the rows of B that they meet, which are those that share a column with them. The
+    // order of the columns in a row of the product depends on nothing else.
+    void expect_local_product() {
+        const Int first = random_.between(0, m_ - 1);
+        const Int last = random_.between(first + 1, m_);
+        Numbers rows(size(m_));
+        Numbers columns(size(k_));
+        Numbers met(size(n_));
+        std::fill(rows.begin() + first, rows.begin() + last, 1);
+        each(a_, [&](Int row, Int col, double) { columns[size(col)] |= rows[size(row)]; });
+        each(b_, [&](Int row, Int col, double) { met[size(row)] |= columns[size(col)]; });
+        const Int m = number(rows);
+        const Int k = number(columns);
+        const Int n = number(met);
+        if (n == 0) {
+            return; // MKL would refuse this B
+        }
+        const Operand a(random_, part(a_, rows, columns));
+        const Operand b(random_, part(b_, met, columns));
+        const CsrArrays c =
+            call(room_for_product(m, n), 0, [&](CsrOperand output) { multiply_csr(0, m, k, n, a, b, output); });
+        Int p = product_.row_ptr[size(first)] - 1;
+        each(c, [&](Int, Int col, double value) {
+            EXPECT_EQ(met.at(size(product_.col_ind.at(size(p)) - 1)), col + 1);
+            EXPECT_EQ(product_.val.at(size(p++)), value);
+        });
+        EXPECT_EQ(product_.row_ptr[size(last)], p + 1);
+    }
+
     Random& random_;
     Int m_, k_, n_;
     double a_density_, b_density_;
     bool sets_threads_;
     Csr a_{random_, 1, 1, 0.0};
     Csr b_ = a_;
-    CsrArrays c_ = room_for_product();
+    CsrArrays c_ = room_for_product(m_, n_);
     CsrArrays product_; // as one call leaves it
     Int stored_ = 0;    // entries of the product
     State state_ = anything;

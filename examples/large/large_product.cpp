@@ -1,4 +1,4 @@
-// A sparse product whose dense size is far beyond the memory: C := A*B^T of Poisson matrices from local blocks, and a
+// A sparse product whose dense size does not fit into memory: C := A*B^T of Poisson matrices from local blocks, and a
 // refresh for each new set of values, beside Eigen's product. Usage: large_product [GRID]
 
 #include "host_matrix.h"

@@ -27,7 +27,8 @@ module csr_products
       integer(ip), value :: ldb, m, k, n, ldc
       real(dp), intent(inout) :: c(*)
     end subroutine
-    !> C := A*B, A symmetric by its upper triangle. With m < k, here and in the other _S, it writes behind C.
+    !> C := A*B, A symmetric by its upper triangle. With m < k, this and the
+    !> other _S may write beyond the m rows of C, and behind C.
     subroutine spgmatgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, n, c) &
         bind(C, name="_Z22spgmatgmat_mkl_S_int64PdPlS0_S_lllS_")
       import :: ip, dp

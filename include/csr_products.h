@@ -19,8 +19,9 @@
 /// dimension ld is at i + j*ld, counted from 0.
 ///
 /// The caller owns every array. Operands are read and never written, so a const array may be passed
-/// through a const_cast. An output must not overlap an operand. After the first call of a process nothing
-/// that is allocated outlives a call, except the handle described with spgmatspgmattr_mkl_int64_new().
+/// through a const_cast. An output must not overlap an operand. What a call allocates does not outlive it,
+/// except the handle described with spgmatspgmattr_mkl_int64_new(), and what MKL and the OpenMP runtime keep
+/// after the first call of a process, of a thread, or on more threads than before.
 ///
 /// @section threads Threads
 /// Calls with different outputs may run at the same time. A call needs at most 64 KB of stack. It may
@@ -32,15 +33,17 @@
 /// call (`feholdexcept`, `fesetenv`).
 ///
 /// @section failure Failure
-/// Nothing is reported, by contract: no status, no exception, no message. An operand cannot be wrapped as
-/// an MKL handle when one of its dimensions is <= 0, or when its `col_ind` or `row_ptr` is null; MKL checks
-/// nothing else about it. Each group of functions describes what a failed wrap does to the output. After
-/// any other failure the output holds what MKL left there.
+/// The library reports nothing, by contract: no status, no exception, no message. An operand cannot be
+/// wrapped as an MKL handle when one of its dimensions is <= 0, or when its `col_ind` or `row_ptr` is null;
+/// MKL checks nothing else about it. Each group of functions describes what a failed wrap does to the
+/// output. After any other failure the output holds what MKL left there.
 /// @warning The data() of an empty std::vector is null. A matrix without entries therefore needs a
 /// `col_ind` with at least one element, and a `val` too. If only its `val` is null, the vector functions
 /// and the CSR product (as A) compute, and all others leave the output as it was. If its `col_ind` is null
 /// too, it cannot be wrapped before MKL 2025.1; from there on it behaves as if only `val` were null. A host
 /// must not rely on either.
+/// @warning An operand with entries whose `val` is null is wrapped, from MKL 2025.1 on even if its `col_ind`
+/// is null too. Its products have wrong values or end the process.
 ///
 /// @section loading Loading
 /// A host that loads `libcsr_products.so.1` with dlopen finds each function by its symbol.
@@ -62,7 +65,8 @@
 ///
 /// A is m x k and sparse. `_G` takes A as it stands. `_S` treats A as symmetric (m = k): it uses the
 /// entries on and above the diagonal, and mirrors them. Those below may be stored or not. They may be
-/// read, but they never reach the result, even where they are NaN. With m < k, `_S` writes behind C.
+/// read, but they never reach the result, even where they are NaN. With m < k, `_S` may write k rows of
+/// each column of C: between m and ldc, and behind C where ldc < k.
 ///
 /// The short forms imply the leading dimensions k for B and m for C. The long forms take `ldb` >= k
 /// and `ldc` >= m. B holds ldb*n elements, C holds ldc*n. MKL does not check leading dimensions.
@@ -71,7 +75,8 @@
 /// **A failed wrap** sets the first m*k elements of `c` to 0.0, in the accumulating function too:
 /// A's own shape, neither C's m*n nor `ldc`. That reaches past C where m*k exceeds C's elements, so a
 /// host that may pass an operand that cannot be wrapped provides at least m*k. The product m*k is
-/// taken modulo 2^64, so that of two negative dimensions is positive; nothing is written when it is <= 0.
+/// taken modulo 2^64 and as a signed number; it is positive for two negative dimensions. Nothing is
+/// written when it is <= 0.
 /// @{
 
 /// C := A*B.
@@ -170,7 +175,8 @@ void spgmattrgmat_mkl_S_int64(
 ///
 /// **A failed wrap** sets the first m*k elements of `y` to 0.0, in the accumulating function too.
 /// That is A's shape and not y's length, so it reaches past y where k > 1. The product m*k is taken
-/// modulo 2^64, so that of two negative dimensions is positive; nothing is written when it is <= 0.
+/// modulo 2^64 and as a signed number; it is positive for two negative dimensions. Nothing is written
+/// when it is <= 0.
 /// @{
 
 /// y := A*x.
@@ -244,9 +250,9 @@ void spgmatspgmattr_gmat_mkl_int64_new(
 /// stand as a product of those operands left them, in that order. A host that wants sorted columns sorts a
 /// copy, values and columns together.
 /// @warning MKL does not check the column numbers of a refresh. Others than those of such a product
-/// corrupt the process's memory, and so do operands of another structure. The same columns in another
-/// order, in C or in an operand, may give wrong values. A `c_col_ind` that the host filled with zeros, or
-/// made zero-based, is taken for that of a count, and all m*n elements are then written.
+/// corrupt the process's memory. Operands of another structure may corrupt it too. The same columns in
+/// another order, in C or in an operand, may give wrong values. A `c_col_ind` whose first element the host
+/// made 0 is taken for that of a count, and all m*n elements are then written.
 ///
 /// A host may put `c_col_ind` and `c_row_ptr` together from smaller products, and then refresh them: each
 /// product takes some rows of A and only the rows of B that share a column with them. The rows of B that

@@ -26,7 +26,8 @@ void spgmatgmat_mkl_G_int64_ld(const double* val, const int64_t* col_ind, const 
     int64_t ldb, int64_t m, int64_t k, int64_t n, double* c, int64_t ldc)
     __asm__("_Z22spgmatgmat_mkl_G_int64PdPlS0_S_llllS_l");
 
-/// C := A*B, A symmetric by its upper triangle. With m < k, here and in the other `_S`, it writes behind C.
+/// C := A*B, A symmetric by its upper triangle. With m < k, this and the other
+/// `_S` may write beyond the m rows of C, and behind C.
 void spgmatgmat_mkl_S_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
     int64_t m, int64_t k, int64_t n, double* c) __asm__("_Z22spgmatgmat_mkl_S_int64PdPlS0_S_lllS_");
 /// C := A*B, A symmetric by its upper triangle, with leading dimensions.

@@ -10,6 +10,7 @@
 #include <future>
 #include <numeric>
 #include <string>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -50,15 +51,31 @@ TEST_P(GuestScope, Loaded) {
 
 INSTANTIATE_TEST_SUITE_P(Flags, GuestScope, testing::Values(RTLD_LOCAL, RTLD_GLOBAL, RTLD_LOCAL | RTLD_DEEPBIND));
 
-// MKL asks for the name of the working folder when it is loaded.
-TEST(Guest, InARemovedWorkingFolder) {
+// MKL asks for the name of the working folder when it is loaded. There is none in a removed folder, nor at a depth
+// where the path has more than 4096 bytes.
+class GuestFolder : public testing::TestWithParam<int> {};
+
+TEST_P(GuestFolder, WithoutAName) {
     std::string folder = testing::TempDir() + "csr_products.XXXXXX";
+    const std::string deeper(250, 'x');
     ASSERT_NE(mkdtemp(folder.data()), nullptr);
     ASSERT_EQ(chdir(folder.c_str()), 0);
-    ASSERT_EQ(rmdir(folder.c_str()), 0);
+    for (int depth = 0; depth < GetParam(); ++depth) {
+        ASSERT_EQ(mkdir(deeper.c_str(), 0700) | chdir(deeper.c_str()), 0);
+    }
+    if (GetParam() == 0) {
+        ASSERT_EQ(rmdir(folder.c_str()), 0);
+    }
+    EXPECT_EQ(getcwd(nullptr, 4096), nullptr);
     expect_product(multiply_of(load()));
+    for (int depth = 0; depth < GetParam(); ++depth) {
+        ASSERT_EQ(chdir("..") | rmdir(deeper.c_str()), 0);
+    }
     ASSERT_EQ(chdir("/"), 0);
+    rmdir(folder.c_str());
 }
+
+INSTANTIATE_TEST_SUITE_P(Depths, GuestFolder, testing::Values(0, 17));
 
 TEST(Guest, ClosedAndLoadedAgainWhileAThreadThatCalledItEnds) {
     for (int round = 0; round < 20; ++round) {

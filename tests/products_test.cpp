@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <future>
@@ -49,14 +50,20 @@ public:
         const std::size_t bytes = (content.size() * sizeof(T) + page - 1) / page * page;
         mapped_ = bytes + 2 * page;
         pages_ = static_cast<char*>(mmap(nullptr, mapped_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        char* const first = pages_ + page;
-        const std::size_t opened = bytes + (front ? page : 0);
-        mprotect(first, opened, PROT_READ | PROT_WRITE);
-        begin_ = reinterpret_cast<T*>(front ? first : first + bytes) - (front ? 0 : content.size());
+        opened_ = pages_ + page;
+        opened_end_ = opened_ + bytes + (front ? page : 0);
+        mprotect(opened_, size(opened_end_ - opened_), PROT_READ | PROT_WRITE);
+        std::fill(opened_, opened_end_, '?');
+        begin_ = reinterpret_cast<T*>(front ? opened_ : opened_end_) - (front ? 0 : content.size());
         end_ = std::copy(content.begin(), content.end(), begin_);
-        mprotect(first, opened, protection);
+        mprotect(opened_, size(opened_end_ - opened_), protection);
     }
-    ~Exact() { munmap(pages_, mapped_); }
+    ~Exact() {
+        const auto is_filled = [](char byte) { return byte == '?'; };
+        EXPECT_TRUE(std::all_of(opened_, reinterpret_cast<char*>(begin_), is_filled)) << "written in front of an array";
+        EXPECT_TRUE(std::all_of(reinterpret_cast<char*>(end_), opened_end_, is_filled)) << "written behind an array";
+        munmap(pages_, mapped_);
+    }
     Exact(const Exact&) = delete;
     Exact& operator=(const Exact&) = delete;
 
@@ -65,7 +72,7 @@ public:
 
 private:
     std::size_t mapped_;
-    char* pages_;
+    char *pages_, *opened_, *opened_end_;
     T* begin_;
     T* end_;
 };
@@ -146,6 +153,10 @@ struct Operand {
     operator CsrOperand() const { return {val, col_ind, row_ptr}; }
 };
 
+void set_threads(Random& random) {
+    qz_mkl_set_num_threads_int64(static_cast<int>(random.between(1, 5)));
+}
+
 // NaN stands wherever a product must not look: in the output that is overwritten, below the diagonal of a
 // symmetric operand, in rows of B that meet no entry of A, and between the columns of B.
 void expect_dense_product(Random& random, const DenseEntry& e, const Csr& a, Int n) {
@@ -197,30 +208,34 @@ void expect_dense_product(Random& random, const DenseEntry& e, const Csr& a, Int
     }
 }
 
-// A null array, a dimension <= 0, or a null val without an entry.
+// A null array, a dimension <= 0, a null val without an entry, or no columns of B.
 void expect_dense_refusal(Random& random, const DenseEntry& e) {
-    enum { null_col_ind, null_row_ptr, no_dimension, null_val };
-    const Int kind = random.between(0, 3);
+    enum { null_col_ind, null_row_ptr, no_dimension, null_val, no_columns };
+    const bool is_vector = e.form == DenseEntry::vector_form;
+    const Int kind = random.between(0, is_vector ? null_val : no_columns);
     const bool no_rows = kind == no_dimension && random.one_in(2);
     const Int m = no_rows ? random.between(-4, 0) : random.between(1, 6);
     const Int k = kind == no_dimension && (!no_rows || random.one_in(2)) ? random.between(-4, 0) : random.between(1, 6);
-    const Int n = e.form == DenseEntry::vector_form ? 1 : random.between(1, 6);
+    const Int n = is_vector ? 1 : kind == no_columns ? random.between(-3, 0) : random.between(1, 6);
     SCOPED_TRACE(testing::Message() << e.name << ": " << m << " x " << k << ", columns " << n << ", refusal " << kind);
     const Operand a(random, Csr(random, std::max<Int>(m, 0), std::max<Int>(k, 0), kind == null_val ? 0.0 : 1.0));
     const Int ldc = m + (e.form == DenseEntry::long_form ? random.between(0, 2) : 0);
-    const Int cleared = kind == null_val ? 0 : std::max<Int>(m * k, 0);
+    const Int cleared = kind == null_val || kind == no_columns ? 0 : std::max<Int>(m * k, 0);
     Dense c(size(std::max({cleared, e.operation == 11 ? k * n : ldc * n, Int{0}})), untouched);
     const Exact<double> result(random, c);
     const Dense b(kind == null_val ? size(k * n) : 0);
     e.call(kind == null_val ? nullptr : +a.val, kind == null_col_ind ? nullptr : +a.col_ind,
            kind == null_row_ptr ? nullptr : +a.row_ptr, Exact<double>(random, b, PROT_READ), k, m, k, n, result, ldc);
-    const bool computes = kind == null_val && e.form == DenseEntry::vector_form;
+    const bool computes = kind == null_val && is_vector;
     std::fill_n(c.begin(), computes ? m : cleared, computes ? e.beta * untouched : 0.0);
     EXPECT_EQ(result.content(), c);
 }
 
-void dense_round(Random& random) {
+void dense_round(Random& random, bool sets_threads) {
     for (const DenseEntry& e : dense_entries) {
+        if (sets_threads) {
+            set_threads(random);
+        }
         const Int m = random.dimension();
         const Int k = e.preset[1] == '1' || random.one_in(2) ? m : random.dimension();
         const Int n = e.form == DenseEntry::vector_form ? 1 : random.between(1, 33);
@@ -238,10 +253,17 @@ public:
         change_structure();
     }
 
+    // Each stage in order, then in any.
     void run(int steps) {
+        expect_stage(1, 0);
+        expect_stage(2, 0);
+        change_values();
+        expect_stage(2, 0);
+        compress();
+        expect_stage(2, 0);
         for (int step = 0; step < steps; ++step) {
             if (sets_threads_) {
-                qz_mkl_set_num_threads_int64(static_cast<int>(random_.between(1, 5)));
+                set_threads(random_);
             }
             if (random_.one_in(10)) {
                 change_structure();
@@ -254,7 +276,9 @@ public:
             } else if (random_.one_in(4)) {
                 expect_local_product();
             } else {
-                expect_stage();
+                const Int stage = state_ != anything && random_.one_in(2) ? 2 : random_.between(0, 1);
+                const Int null = random_.one_in(4) ? random_.between(1, 7) : random_.one_in(3) ? val : 0;
+                expect_stage(stage, null);
             }
         }
     }
@@ -262,7 +286,7 @@ public:
 private:
     // What c_col_ind and c_row_ptr hold.
     enum State { anything, count_of_operands, structure_of_product };
-    enum NullArray : unsigned { val = 1, col_ind = 2, row_ptr = 4 };
+    static constexpr Int val = 1, col_ind = 2, row_ptr = 4; // null arrays
 
     void change_structure() {
         a_ = Csr(random_, m_, k_, a_density_);
@@ -289,7 +313,7 @@ private:
     }
 
     // What a call leaves in exact copies of these arrays, some of them null.
-    CsrArrays call(Int stage, const CsrArrays& before, unsigned null = 0) {
+    CsrArrays call(Int stage, const CsrArrays& before, Int null = 0) {
         const Operand a(random_, a_);
         const Operand b(random_, b_);
         const bool null_val = a_.stored() == 0 && random_.one_in(2);
@@ -305,7 +329,7 @@ private:
     }
 
     template <class Multiply>
-    CsrArrays call(const CsrArrays& before, unsigned null, Multiply multiply) {
+    CsrArrays call(const CsrArrays& before, Int null, Multiply multiply) {
         const Exact<double> c_val(random_, before.val);
         const Exact<Int> c_col_ind(random_, before.col_ind);
         const Exact<Int> c_row_ptr(random_, before.row_ptr);
@@ -329,7 +353,9 @@ private:
             }
         });
         const Exact<double> dense(random_, Dense(expected.size(), nan));
-        multiply_dense(m_, k_, n_, Operand(random_, a_), Operand(random_, b_), dense);
+        const Operand a(random_, a_);
+        const Operand b(random_, b_);
+        multiply_dense(m_, k_, n_, a, b, dense);
         EXPECT_EQ(dense.content(), expected);
 
         product_ = call(0, room_for_product(m_, n_));
@@ -358,11 +384,7 @@ private:
         c.col_ind.resize(size(entries), untouched);
     }
 
-    void expect_stage() {
-        const Int stage = state_ != anything && random_.one_in(2) ? 2 : random_.between(0, 1);
-        const unsigned null = random_.one_in(4)   ? static_cast<unsigned>(random_.between(1, 7))
-                              : random_.one_in(3) ? unsigned{val}
-                                                  : 0U;
+    void expect_stage(Int stage, Int null) {
         SCOPED_TRACE(testing::Message() << "stage " << stage << ", state " << state_ << ", null arrays " << null);
         const bool finishes = state_ == count_of_operands && stored_ > 0;
         const bool has_structure = (null & (col_ind | row_ptr)) == 0; // or stage 2 does nothing
@@ -471,8 +493,13 @@ private:
 void stages_round(Random& random, bool sets_threads) {
     const Int m = random.dimension();
     const Int k = random.dimension();
-    Stages(random, m, k, random.dimension(), random.density(), random.density() + 0.01, sets_threads).run(15);
+    const Int n = random.dimension();
+    const double a_density = random.density();
+    const double b_density = std::max(random.density(), 0.01);
+    Stages(random, m, k, n, a_density, b_density, sets_threads).run(15);
 }
+
+std::string seed_of_round;
 
 void run_rounds(const std::function<void(Random&)>& round) {
     const auto environment = [](const char* name, Int otherwise) {
@@ -480,17 +507,37 @@ void run_rounds(const std::function<void(Random&)>& round) {
         return value == nullptr ? otherwise : std::atoll(value);
     };
     const Int first = environment("CSR_PRODUCTS_SEED", std::random_device()());
-    const Int rounds = environment("CSR_PRODUCTS_ROUNDS", 150);
+    const Int rounds = environment("CSR_PRODUCTS_ROUNDS", 100);
+    ASSERT_GT(rounds, 0);
     std::cerr << "CSR_PRODUCTS_SEED=" << first << '\n';
+    for (const int signal : {SIGSEGV, SIGABRT}) {
+        std::signal(signal, [](int) {
+            std::cerr << "ended in " << seed_of_round << std::endl;
+            std::_Exit(1);
+        });
+    }
     for (Int seed = first; seed < first + rounds && !testing::Test::HasFailure(); ++seed) {
-        SCOPED_TRACE(testing::Message() << "CSR_PRODUCTS_SEED=" << seed);
+        seed_of_round = "CSR_PRODUCTS_SEED=" + std::to_string(seed);
+        SCOPED_TRACE(seed_of_round);
         Random random(static_cast<std::uint64_t>(seed));
         round(random);
     }
 }
 
+// Threads that MKL started stay in the process, so their number is the greatest it was ever given. This test is the
+// first for that reason.
+TEST(ThreadCount, OneZeroNegativeTwo) {
+    Random random(1);
+    const Csr a(random, 500, 500, 0.3);
+    for (const auto& [count, expected] : {std::pair{1, 1}, {0, 1}, {-3, 1}, {2, 2}}) {
+        qz_mkl_set_num_threads_int64(count);
+        expect_dense_product(random, dense_entries.front(), a, 9);
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}), expected) << count;
+    }
+}
+
 TEST(DenseProducts, AgreeWithPlainLoops) {
-    run_rounds(dense_round);
+    run_rounds([](Random& random) { dense_round(random, true); });
 }
 
 TEST(TransposedProducts, AgreeWithPlainLoopsInAnyStage) {
@@ -501,19 +548,8 @@ TEST(TransposedProducts, AgreeWithPlainLoopsInAnyStage) {
 // all threads.
 TEST(TransposedProducts, LargeOnes) {
     Random random(1);
-    Stages(random, 700, 50, 600, 1.0, 1.0).run(20);
-    Stages(random, 2000, 2000, 2000, 5e-4, 5e-4).run(20);
-}
-
-// Threads that MKL started stay in the process, so their number is the greatest it was ever given.
-TEST(ThreadCount, OneZeroNegativeTwo) {
-    Random random(1);
-    const Csr a(random, 500, 500, 0.3);
-    for (const auto& [count, expected] : {std::pair{1, 1}, {0, 1}, {-3, 1}, {2, 2}}) {
-        qz_mkl_set_num_threads_int64(count);
-        expect_dense_product(random, dense_entries.front(), a, 9);
-        EXPECT_EQ(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}), expected) << count;
-    }
+    Stages(random, 700, 50, 600, 1.0, 1.0).run(10);
+    Stages(random, 2000, 2000, 2000, 5e-4, 5e-4).run(10);
 }
 
 // The stack that a call needs is promised to hosts.
@@ -540,7 +576,7 @@ TEST(Threads, EightAtOnce) {
         calls.push_back(std::async(std::launch::async, [seed] {
             Random random(seed);
             for (int round = 0; round < 10; ++round) {
-                dense_round(random);
+                dense_round(random, false);
                 stages_round(random, false);
             }
         }));

@@ -97,7 +97,7 @@ if(MklIlp64_FOUND AND NOT TARGET MklIlp64::MklIlp64)
     add_library(MklIlp64::MklIlp64 INTERFACE IMPORTED)
     target_link_libraries(MklIlp64::MklIlp64 INTERFACE
         MklIlp64::headers
-        $<LINK_GROUP:RESCAN,MklIlp64::intel_ilp64,MklIlp64::intel_thread,MklIlp64::core>
+        -Wl,--start-group MklIlp64::intel_ilp64 MklIlp64::intel_thread MklIlp64::core -Wl,--end-group
         ${MklIlp64_OPENMP_LIBRARY} Threads::Threads m ${CMAKE_DL_LIBS})
 endif()
 

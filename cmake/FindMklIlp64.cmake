@@ -49,7 +49,9 @@ file(GLOB MklIlp64_LICENCE_NOTICES
     ${mkl_prefix}/share/doc/libmkl-dev/copyright
     ${mkl_prefix}/licensing/*.txt
     ${mkl_prefix}/share/doc/mkl/licensing/*.txt
-    ${mkl_prefix}/lib/python3*/site-packages/mkl_static-*.dist-info/LICENSE.txt)
+    ${mkl_prefix}/lib/python3*/site-packages/mkl_static-*.dist-info/LICENSE.txt
+    ${mkl_prefix}/lib/python3*/site-packages/intel_openmp-*.dist-info/LICENSE.txt
+    ${mkl_prefix}/share/doc/compiler/licensing/openmp/*.txt)
 
 # The release as Intel names it: 2020.4, 2026.2.0.
 if(EXISTS ${MklIlp64_INCLUDE_DIR}/mkl_version.h)

@@ -70,6 +70,10 @@ set(mkl_reason "install libmkl-dev (Debian non-free) and libomp-dev, or set MKLR
 if(mkl_root)
     set(mkl_reason "MKLROOT is ${mkl_root}: that must hold include/mkl_spblas.h, and the static libraries in lib")
 endif()
+if(MklIlp64_core_ARCHIVE AND NOT MklIlp64_OPENMP_LIBRARY)
+    string(CONCAT mkl_reason "the OpenMP runtime libiomp5.so is neither in ${mkl_prefix}/lib nor in the system's folders: "
+        "install libomp-dev, or set CMPLR_ROOT to the folder whose lib holds it")
+endif()
 
 include(FindPackageHandleStandardArgs)
 find_package_handle_standard_args(MklIlp64

@@ -3,8 +3,8 @@
 #   MklIlp64::headers   the C headers, with MKL_INT 64 bits wide
 #   MklIlp64::MklIlp64  the three archives and the OpenMP runtime that the threaded layer calls
 #
-# MklIlp64_OPENMP_LIBRARY is that runtime. MklIlp64_LICENCE_NOTICES are the files with MKL's copyright notices
-# and terms.
+# MklIlp64_OPENMP_LIBRARY is that runtime, and MklIlp64_OPENMP_RUNTIME the name of its file.
+# MklIlp64_LICENCE_NOTICES are the files with MKL's copyright notices and terms.
 #
 # MKLROOT, as a variable or else in the environment, names an installation, and only that one is then used. Each
 # configuration looks at it anew. CMPLR_ROOT names the installation of Intel's compiler, which brings an OpenMP
@@ -44,7 +44,11 @@ find_library(MklIlp64_OPENMP_LIBRARY NAMES iomp5 omp5 omp
 mark_as_advanced(MklIlp64_INCLUDE_DIR MklIlp64_intel_ilp64_ARCHIVE MklIlp64_intel_thread_ARCHIVE
     MklIlp64_core_ARCHIVE MklIlp64_OPENMP_LIBRARY)
 
-# Where Debian's package, Intel's installer before and after 2024, and PyPI's package have them.
+file(REAL_PATH "${MklIlp64_OPENMP_LIBRARY}" MklIlp64_OPENMP_RUNTIME)
+get_filename_component(MklIlp64_OPENMP_RUNTIME "${MklIlp64_OPENMP_RUNTIME}" NAME)
+
+# Where Debian's package, Intel's installer before and after 2024, and PyPI's packages have them. The last two are
+# of Intel's OpenMP runtime.
 file(GLOB MklIlp64_LICENCE_NOTICES
     ${mkl_prefix}/share/doc/libmkl-dev/copyright
     ${mkl_prefix}/licensing/*.txt

@@ -2,7 +2,7 @@
 /// @brief The thirteen functions, for hosts in C++.
 ///
 /// Double-precision sparse-matrix products on Intel oneMKL. csr_products_c.h declares the same functions
-/// for C, and csr_products.f90 for Fortran.
+/// for C, csr_products.f90 for Fortran and csr_products.py for Python.
 ///
 /// @section operands Operands
 /// A **sparse operand** of `rows` x `cols` in one-based CSR form is three arrays, always in this order:

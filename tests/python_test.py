@@ -68,9 +68,9 @@ class Functions(unittest.TestCase):
                 np.testing.assert_array_equal(output, expected)
 
         c = np.empty(M * N), np.empty(M * N, np.int64), np.empty(M + 1, np.int64)
-        for stage, factor, c_val in (1, 1, None), (2, 1, c[0]), (2, 3, c[0]), (0, 5, c[0]):
-            cp.spgmatspgmattr_mkl_int64_new(stage, M, K, N, *csr(factor * a), *csr(e), 0, c_val, *c[1:], None)
-            if c_val is not None:
+        for stage, factor, outputs in (0, 1, (None,) * 3), (1, 1, (None, *c[1:])), (2, 1, c), (2, 3, c), (0, 5, c):
+            cp.spgmatspgmattr_mkl_int64_new(stage, M, K, N, *csr(factor * a), *csr(e), 0, *outputs, None)
+            if outputs is c:
                 np.testing.assert_array_equal(dense(*c, (M, N)), factor * a @ e.T)
 
         tasks = len(os.listdir("/proc/self/task"))
@@ -82,7 +82,7 @@ class Functions(unittest.TestCase):
         x = np.array([1.0, 10.0])
         good = dict(zip(("val", "col_ind", "row_ptr"), csr(np.array([[2.0, 0], [1, 3]]))), x=x, m=2, k=2, y=np.empty(2))
         frozen = np.frombuffer(x.tobytes())
-        for name, value in [("x", x), ("x", frozen), ("x", x.reshape(2, 1)), ("x", x.reshape(1, 2)), ("m", np.int32(2))]:
+        for name, value in ("x", x), ("x", frozen), ("x", x.reshape(2, 1)), ("x", x.reshape(1, 2)), ("m", np.int32(2)):
             with self.subTest(name, value=value):
                 good["y"][:] = 0
                 cp.spgmatgvec_mkl_G_int64(**{**good, name: value})
@@ -101,10 +101,14 @@ class Functions(unittest.TestCase):
         ]:
             with self.subTest(name, value=value), self.assertRaisesRegex(error, f"^{name}: {message}"):
                 cp.spgmatgvec_mkl_G_int64(**{**good, name: value})
-        for counts, error, message in [([-(2**31) - 1], OverflowError, "count: -2147483649 does not fit in 32 bits"),
-                                       ([], TypeError, "missing"), ([1, 2], TypeError, "too many")]:
-            with self.assertRaisesRegex(error, message):
-                cp.qz_mkl_set_num_threads_int64(*counts)
+        for output in cp.DoublesOut, cp.DoublesOutOrNone, cp.IndicesOutOrNone:
+            with self.assertRaisesRegex(ValueError, "writable"):
+                output.from_param(frozen.view(output.dtype))
+        for counts, keywords, message in ([], {}, "missing"), ([1, 2], {}, "too many"), ([1], {"count": 2}, "multiple"):
+            with self.assertRaisesRegex(TypeError, message):
+                cp.qz_mkl_set_num_threads_int64(*counts, **keywords)
+        with self.assertRaisesRegex(OverflowError, "^count: -2147483649 does not fit in 32 bits$"):
+            cp.qz_mkl_set_num_threads_int64(-(2**31) - 1)
 
     def test_finding_the_library(self):
         missing = "ImportError: libcsr_products.so.1: cannot open shared object file"
@@ -112,8 +116,8 @@ class Functions(unittest.TestCase):
             with self.subTest(folder), tempfile.TemporaryDirectory() as prefix:
                 shutil.copytree(os.path.dirname(cp.__file__), f"{prefix}/include")
                 shutil.copytree(os.environ["LD_LIBRARY_PATH"], f"{prefix}/{folder}")
-                run = subprocess.run([sys.executable, "-c", "import csr_products"], env={"PYTHONPATH": f"{prefix}/include"},
-                                     stderr=subprocess.PIPE, text=True)
+                run = subprocess.run([sys.executable, "-c", "import csr_products"], stderr=subprocess.PIPE, text=True,
+                                     env={"PYTHONPATH": f"{prefix}/include"})
                 self.assertIn(error, run.stderr)
                 self.assertEqual(run.returncode, bool(error), run.stderr)
 
@@ -124,8 +128,9 @@ class OfSciPy(unittest.TestCase):
         rows, columns = np.array([0, 0, 1]), np.array([2, 2, 0])
         stale = scipy.sparse.csr_matrix((np.ones(3, np.int8), columns, [0, 2, 3, 3]), (3, 4))
         stale.has_canonical_format = True  # as where a host changes the columns in place
-        formats = [scipy.sparse.csr_matrix(whole(3, 4)).asformat(each) for each in ("csr", "csc", "bsr", "dia", "lil", "dok")]
-        for matrix in [*formats, scipy.sparse.coo_matrix((np.ones(3), (rows, columns)), (3, 4)), stale,
+        plain = scipy.sparse.csr_matrix(whole(3, 4))
+        for matrix in [*map(plain.asformat, ("csr", "csc", "bsr", "dia", "lil", "dok")), stale,
+                       scipy.sparse.coo_matrix((np.ones(3), (rows, columns)), (3, 4)),
                        scipy.sparse.csc_matrix((3, 4)), scipy.sparse.csr_array((0, 4))]:
             with self.subTest(repr(matrix)):
                 before = matrix.copy()

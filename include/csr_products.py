@@ -87,6 +87,15 @@ class _Int:
         return self.ctype(number)
 
 
+def _refuse(types, arguments):
+    """Raises what ctypes has hidden behind an error of its own, with the argument's name."""
+    for (name, expected), argument in zip(types.items(), arguments):
+        try:
+            expected.from_param(argument)
+        except (TypeError, ValueError, OverflowError) as error:
+            raise type(error)(f"{name}: {error}") from None
+
+
 def _entry(symbol):
     """Lets a declaration call `symbol` with arguments of the types that annotate them."""
 
@@ -103,11 +112,7 @@ def _entry(symbol):
             try:
                 function(*arguments)
             except ctypes.ArgumentError:
-                for (name, expected), argument in zip(types.items(), arguments):
-                    try:
-                        expected.from_param(argument)
-                    except (TypeError, ValueError, OverflowError) as error:
-                        raise type(error)(f"{name}: {error}") from None
+                _refuse(types, arguments)
                 raise
 
         return call
@@ -218,7 +223,7 @@ def qz_mkl_set_num_threads_int64(count: Int32):
 def from_scipy(matrix):
     """Copies a sparse matrix of SciPy, in any format, into new arrays (val, col_ind, row_ptr), one-based.
 
-    Entries with the same place are summed, as SciPy does in products. val and col_ind hold an element each for a
+    Entries with the same place are summed, as in SciPy's products. val and col_ind hold an element each for a
     matrix without entries. A complex matrix is a TypeError.
     """
     csr = matrix.tocsr(copy=True)
@@ -242,7 +247,7 @@ def linear_operator(val, col_ind, row_ptr, shape):
     m, k = shape
     if row_ptr.size != m + 1 or min(val.size, col_ind.size) < row_ptr[-1] - 1:
         raise ValueError(f"val, col_ind, row_ptr: not a matrix of {m} x {k}")
-    new = np.empty if m and k else np.zeros  # the library refuses a matrix without rows or columns
+    new = np.empty if m and k else np.zeros  # the library writes nothing for a matrix without rows or columns
 
     def doubles(array):
         return np.asarray(array).astype(np.float64, order="F", casting="same_kind", copy=False)

@@ -104,10 +104,11 @@ class Module(unittest.TestCase):
             cp.qz_mkl_set_num_threads_int64(-(2**31) - 1)
 
     def test_finding_the_library(self):
+        library = os.path.abspath(os.environ["LD_LIBRARY_PATH"] + "/libcsr_products.so.1")
         for folder in "lib", "lib64", "lib/x86_64-linux-gnu":
             with self.subTest(folder), tempfile.TemporaryDirectory() as prefix:
                 os.makedirs(f"{prefix}/{folder}")
-                os.symlink(os.environ["LD_LIBRARY_PATH"] + "/libcsr_products.so.1", f"{prefix}/{folder}/libother.so.1")
+                os.symlink(library, f"{prefix}/{folder}/libother.so.1")
                 with mock.patch.object(cp, "__file__", f"{prefix}/include/csr_products.py"):
                     cp._load("libother.so.1")
         with self.assertRaisesRegex(ImportError, "^libother.so.1: cannot open .*: LD_LIBRARY_PATH must name its folder"):

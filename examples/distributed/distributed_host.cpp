@@ -311,7 +311,6 @@ Source read_matrix(const Options& options) {
     if (rank_of_this_process() == 0) {
         try {
             source.matrix = options.path.empty() ? poisson(options.grid) : read_matrix_market(options.path);
-            source.matrix.makeCompressed();
             verdict = {1, static_cast<int>(is_symmetric(source.matrix))};
             const int ranks = number_of_ranks();
             fmt::print("{}: {} x {}, {} stored entries that sum to {:.6g}, {}, on {} {}\n\n",
@@ -350,8 +349,7 @@ int run(const Options& options) {
     if (!source.usable) {
         return 1;
     }
-    Mat aij = distribute(source.matrix);
-    source.matrix = EigenMatrix(); // each rank has its rows
+    Mat aij = distribute(std::move(source.matrix));
     Int rows = 0;
     Int columns = 0;
     check(MatGetSize(aij, &rows, &columns));

@@ -58,6 +58,17 @@ DistributedOperator::DistributedOperator(Mat aij) : aij_(aij) {
             operator_of(shell).multiply_transposed(x, y);
             return PetscErrorCode{};
         });
+    // Solvers multiply blocks of vectors, and build preconditioners of their own.
+    set(
+        MATOP_GET_DIAGONAL_BLOCK,
+        +[](Mat shell, Mat* block) { return MatGetDiagonalBlock(operator_of(shell).aij_, block); });
+    const auto multiply_block = [](Mat shell, Mat b, Mat c, void*) {
+        operator_of(shell).multiply(b, c);
+        return PetscErrorCode{};
+    };
+    for (const char* const dense : {MATSEQDENSE, MATMPIDENSE}) {
+        check(MatShellSetMatProductOperation(shell_, MATPRODUCT_AB, nullptr, multiply_block, nullptr, dense, dense));
+    }
     update();
 }
 
@@ -120,31 +131,33 @@ void DistributedOperator::update() {
 }
 
 // Y := A*X for the parts that this rank holds of so many columns, or y := A*x + y for one.
-void DistributedOperator::multiply(double* x, Int columns, Mode mode, double* y) {
+void DistributedOperator::multiply(double* x, double* y, Mode mode, Int columns, Int ldx, Int ldy) {
     update();
     const Int boundary_count = static_cast<Int>(boundary_rows_.size());
     const Int ghost_count = ghost_.cols;
     ghost_values_.resize(size(ghost_count * columns));
     boundary_.resize(size(boundary_count * columns));
     for (Int j = 0; j < columns; ++j) {
-        check(PetscSFBcastBegin(exchange_, MPIU_SCALAR, x + j * own_.cols, ghost_values_.data() + j * ghost_count,
+        check(PetscSFBcastBegin(exchange_, MPIU_SCALAR, x + j * ldx, ghost_values_.data() + j * ghost_count,
                                 MPI_REPLACE));
     }
 
     const Int m = own_.rows;
     const Int k = own_.cols;
     if (own_.is_empty()) {
-        std::fill_n(y, mode == Mode::overwrite ? m * columns : 0, 0.0);
-    } else if (columns > 1) {
-        spgmatgmat_mkl_G_int64(own_.val, own_.col_ind.data(), own_.row_ptr.data(), x, m, k, columns, y);
-    } else {
+        for (Int j = 0; j < columns; ++j) {
+            std::fill_n(y + j * ldy, mode == Mode::overwrite ? m : 0, 0.0);
+        }
+    } else if (columns == 1) {
         (mode == Mode::overwrite ? spgmatgvec_mkl_G_int64 : spgmatgvecsum_mkl_G_int64)(own_.val, own_.col_ind.data(),
                                                                                        own_.row_ptr.data(), x, m, k, y);
+    } else {
+        spgmatgmat_mkl_G_int64(own_.val, own_.col_ind.data(), own_.row_ptr.data(), x, ldx, m, k, columns, y, ldy);
     }
 
     for (Int j = 0; j < columns; ++j) {
-        check(PetscSFBcastEnd(exchange_, MPIU_SCALAR, x + j * own_.cols, ghost_values_.data() + j * ghost_count,
-                              MPI_REPLACE));
+        check(
+            PetscSFBcastEnd(exchange_, MPIU_SCALAR, x + j * ldx, ghost_values_.data() + j * ghost_count, MPI_REPLACE));
     }
     if (boundary_rows_.empty()) {
         return;
@@ -152,7 +165,7 @@ void DistributedOperator::multiply(double* x, Int columns, Mode mode, double* y)
     const auto each_boundary_element = [&](auto visit) {
         for (Int j = 0; j < columns; ++j) {
             for (Int i = 0; i < boundary_count; ++i) {
-                visit(boundary_[size(i + j * boundary_count)], y[boundary_rows_[size(i)] + j * m]);
+                visit(boundary_[size(i + j * boundary_count)], y[boundary_rows_[size(i)] + j * ldy]);
             }
         }
     };
@@ -168,24 +181,28 @@ void DistributedOperator::multiply(double* x, Int columns, Mode mode, double* y)
 }
 
 void DistributedOperator::multiply(Vec x, Vec y) {
-    on_arrays(x, y, [&](double* input, double* output) { multiply(input, 1, Mode::overwrite, output); });
+    on_arrays(x, y, [&](double* input, double* output) { multiply(input, output, Mode::overwrite); });
 }
 
 void DistributedOperator::multiply_add(Vec x, Vec y, Vec z) {
     if (y != z) {
         check(VecCopy(y, z));
     }
-    on_arrays(x, z, [&](double* input, double* output) { multiply(input, 1, Mode::accumulate, output); });
+    on_arrays(x, z, [&](double* input, double* output) { multiply(input, output, Mode::accumulate); });
 }
 
 void DistributedOperator::multiply(Mat b, Mat c) {
     Int columns = 0;
+    Int ldb = 0;
+    Int ldc = 0;
     const double* input = nullptr;
     double* output = nullptr;
     check(MatGetSize(b, nullptr, &columns));
+    check(MatDenseGetLDA(b, &ldb));
+    check(MatDenseGetLDA(c, &ldc));
     check(MatDenseGetArrayRead(b, &input));
     check(MatDenseGetArray(c, &output));
-    multiply(const_cast<double*>(input), columns, Mode::overwrite, output);
+    multiply(const_cast<double*>(input), output, Mode::overwrite, columns, ldb, ldc);
     check(MatDenseRestoreArray(c, &output));
     check(MatDenseRestoreArrayRead(b, &input));
 }
@@ -211,7 +228,8 @@ void DistributedOperator::multiply_transposed(Vec x, Vec y) {
     });
 }
 
-Mat distribute(const EigenMatrix& matrix) {
+Mat distribute(EigenMatrix&& matrix) {
+    matrix.makeCompressed();
     std::array<Int, 2> shape{matrix.rows(), matrix.cols()};
     MPI_Bcast(shape.data(), 2, MPIU_INT, 0, PETSC_COMM_WORLD);
     std::vector<Int> rows;
@@ -226,6 +244,7 @@ Mat distribute(const EigenMatrix& matrix) {
     check(MatSetType(assembled, MATMPIAIJ)); // on one rank too, which would otherwise get a MATSEQAIJ
     check(MatSetPreallocationCOO(assembled, matrix.nonZeros(), rows.data(), columns.data()));
     check(MatSetValuesCOO(assembled, matrix.valuePtr(), INSERT_VALUES));
+    EigenMatrix().swap(matrix);
     check(MatDuplicate(assembled, MAT_COPY_VALUES, &aij)); // PETSc 3.18 cannot insert into the other
     check(MatDestroy(&assembled));
     return aij;

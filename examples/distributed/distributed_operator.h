@@ -14,8 +14,8 @@ inline void check(PetscErrorCode code) {
     }
 }
 
-// The rows of a matrix that rank 0 holds, distributed over all ranks as a MATMPIAIJ.
-Mat distribute(const EigenMatrix& matrix);
+// The rows of a matrix that rank 0 holds, distributed over all ranks as a MATMPIAIJ. Rank 0 gives its copy away.
+Mat distribute(EigenMatrix&& matrix);
 
 // Products with a MATMPIAIJ, of which each rank holds a block of its own columns, and one of ghost columns,
 // whose values of x belong to other ranks. Each product of a block is a call of the library. The ghost values
@@ -30,7 +30,7 @@ public:
     void multiply(Vec x, Vec y);            // y := A*x
     void multiply_add(Vec x, Vec y, Vec z); // z := A*x + y
     void multiply_transposed(Vec x, Vec y); // y := A^T*x
-    void multiply(Mat b, Mat c);            // C := A*B, both MATMPIDENSE
+    void multiply(Mat b, Mat c);            // C := A*B, both dense
 
     Mat shell() const { return shell_; } // the operator for PETSc's solvers
     Int ghosts() const { return ghost_.cols; }
@@ -52,7 +52,7 @@ private:
     enum class Mode { overwrite, accumulate };
 
     void update();
-    void multiply(double* x, Int columns, Mode mode, double* y);
+    void multiply(double* x, double* y, Mode mode, Int columns = 1, Int ldx = 0, Int ldy = 0);
 
     Mat aij_;
     Mat shell_ = nullptr;

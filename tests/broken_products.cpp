@@ -1,12 +1,31 @@
 // A wrong A*x for the hosts to notice when this is preloaded: a plain loop with the fault that the environment names.
-// Also tells the thread count that a host sets.
+// Also tells the thread count that a host sets, and takes the memory for large arrays from one rank.
 
 #include "csr_products.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <new>
 #include <string_view>
+
+namespace {
+
+std::string_view variable(const char* name) {
+    const char* const value = std::getenv(name);
+    return value == nullptr ? "" : value;
+}
+
+} // namespace
+
+void* operator new(std::size_t size) { // NOLINT(misc-new-delete-overloads): memory that free() releases
+    void* const memory = std::malloc(size);
+    if (memory == nullptr || (size > 65536 && variable("CSR_PRODUCTS_FAULT") == "no memory on rank 1" &&
+                              variable("OMPI_COMM_WORLD_RANK") == "1")) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
 
 // clang-format off
 void spgmatgvec_mkl_G_int64(
@@ -15,8 +34,7 @@ void spgmatgvec_mkl_G_int64(
     double* const y) noexcept {
     // clang-format on
     static int calls = 0;
-    const char* const named = std::getenv("CSR_PRODUCTS_FAULT");
-    const std::string_view fault = named == nullptr ? "" : named;
+    const std::string_view fault = variable("CSR_PRODUCTS_FAULT");
     if (++calls % 2 == 0 && fault == "every second A*x does nothing") {
         return;
     }

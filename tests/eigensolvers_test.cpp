@@ -13,16 +13,13 @@ namespace {
 TEST(Eigensolvers, SmallestEigenvalue) {
     const Int grid = 6;
     const double expected = 6 - 6 * std::cos(std::acos(-1.0) / (grid + 1));
-    int rank = 0;
-    MPI_Comm_rank(PETSC_COMM_WORLD, &rank);
     check(SlepcInitializeNoArguments());
-    Mat aij = distribute(rank == 0 ? poisson(grid) : EigenMatrix());
+    Mat aij = distribute(poisson(grid));
     {
         const DistributedOperator op(aij);
         for (const char* const type : {EPSKRYLOVSCHUR, EPSLOBPCG}) {
             SCOPED_TRACE(type);
             EPS solver = nullptr;
-            Int converged = 0;
             double eigenvalue = 0.0;
             check(EPSCreate(PETSC_COMM_WORLD, &solver));
             check(EPSSetOperators(solver, op.shell(), nullptr));
@@ -30,9 +27,7 @@ TEST(Eigensolvers, SmallestEigenvalue) {
             check(EPSSetType(solver, type));
             check(EPSSetWhichEigenpairs(solver, EPS_SMALLEST_REAL));
             check(EPSSolve(solver));
-            check(EPSGetConverged(solver, &converged));
-            EXPECT_GE(converged, 1);
-            check(EPSGetEigenvalue(solver, 0, &eigenvalue, nullptr));
+            check(EPSGetEigenvalue(solver, 0, &eigenvalue, nullptr)); // fails if none converged
             EXPECT_NEAR(eigenvalue, expected, 1e-9);
             check(EPSDestroy(&solver));
         }

@@ -229,6 +229,11 @@ void DistributedOperator::multiply_transposed(Vec x, Vec y) {
 }
 
 Mat distribute(EigenMatrix&& matrix) {
+    int rank = 0;
+    MPI_Comm_rank(PETSC_COMM_WORLD, &rank);
+    if (rank != 0) {
+        matrix.resize(0, 0);
+    }
     matrix.makeCompressed();
     std::array<Int, 2> shape{matrix.rows(), matrix.cols()};
     MPI_Bcast(shape.data(), 2, MPIU_INT, 0, PETSC_COMM_WORLD);

@@ -14,7 +14,7 @@ inline void check(PetscErrorCode code) {
     }
 }
 
-// The rows of a matrix that rank 0 holds, distributed over all ranks as a MATMPIAIJ. Rank 0 gives its copy away.
+// The rows of rank 0's matrix, which it gives away, distributed over all ranks as a MATMPIAIJ.
 Mat distribute(EigenMatrix&& matrix);
 
 // Products with a MATMPIAIJ, of which each rank holds a block of its own columns, and one of ghost columns,

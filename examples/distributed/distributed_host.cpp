@@ -309,6 +309,7 @@ int main(int argc, char** argv) {
         status = run(argc, argv);
     } catch (const CommonError& error) {
         print(stderr, "distributed_host: {}\n", error.what());
+        check(PetscOptionsSetValue(nullptr, "-options_left", "no")); // PETSc 3.22 would list what was not read so far
     } catch (const std::exception& error) { // the other ranks would wait for this one
         fmt::print(stderr, "distributed_host: rank {}: {}\n", rank_of_this_process(), error.what());
         MPI_Abort(PETSC_COMM_WORLD, 1);

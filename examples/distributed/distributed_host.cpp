@@ -87,7 +87,7 @@ void expect_no_unused_options() {
     check(PetscOptionsLeftGet(nullptr, &count, &names, &values));
     for (Int i = 0; i < count; ++i) {
         const std::string_view name = names[i];
-        if (name != "options_view" && name != "options_left") { // PETSc asks for these as it ends
+        if (name != "options_view" && name != "options_left") { // which PETSc reads as it ends
             unused += fmt::format(" -{}", name);
         }
     }
@@ -235,27 +235,27 @@ struct Source {
 Source read_matrix(const Options& options) {
     Source source;
     std::string problem;
-    std::array<int, 2> verdict{}; // whether it could be read, and is symmetric
+    int symmetric = -1; // unless it can be read
     if (rank_of_this_process() == 0) {
         try {
             source.matrix = options.path ? read_matrix_market(*options.path) : poisson(options.grid);
-            verdict = {1, static_cast<int>(is_symmetric(source.matrix))};
+            symmetric = static_cast<int>(is_symmetric(source.matrix));
             const int ranks = number_of_ranks();
             fmt::print("{}: {} x {}, {} stored entries that sum to {:.6g}, {}, on {} {}\n\n",
                        options.path.value_or(fmt::format("Poisson matrix of a {0} x {0} x {0} grid", options.grid)),
                        source.matrix.rows(), source.matrix.cols(), source.matrix.nonZeros(), source.matrix.sum(),
-                       verdict[1] != 0 ? "symmetric" : "unsymmetric", ranks, ranks == 1 ? "rank" : "ranks");
+                       symmetric == 1 ? "symmetric" : "unsymmetric", ranks, ranks == 1 ? "rank" : "ranks");
         } catch (const std::bad_alloc&) {
             problem = "not enough memory for this matrix";
         } catch (const std::exception& error) {
             problem = error.what();
         }
     }
-    MPI_Bcast(verdict.data(), 2, MPI_INT, 0, PETSC_COMM_WORLD);
-    if (verdict[0] == 0) {
+    MPI_Bcast(&symmetric, 1, MPI_INT, 0, PETSC_COMM_WORLD);
+    if (symmetric == -1) {
         throw CommonError(problem); // which rank 0 prints
     }
-    source.symmetric = verdict[1] != 0;
+    source.symmetric = symmetric == 1;
     return source;
 }
 
@@ -309,10 +309,10 @@ int main(int argc, char** argv) {
         status = run(argc, argv);
     } catch (const CommonError& error) {
         print(stderr, "distributed_host: {}\n", error.what());
-        check(PetscOptionsSetValue(nullptr, "-options_left", "no")); // PETSc 3.22 would list what was not read so far
-    } catch (const std::exception& error) { // the other ranks would wait for this one
+        check(PetscOptionsSetValue(nullptr, "-options_left", "no")); // PETSc 3.22 would list those not read so far
+    } catch (const std::exception& error) {
         fmt::print(stderr, "distributed_host: rank {}: {}\n", rank_of_this_process(), error.what());
-        MPI_Abort(PETSC_COMM_WORLD, 1);
+        MPI_Abort(PETSC_COMM_WORLD, 1); // the other ranks would wait for this one
     }
     check(PetscFinalize());
     return status;

@@ -5,6 +5,7 @@
 //   CSR_PRODUCTS_SEED    of the first round; default: another one each time
 //   CSR_PRODUCTS_PAGES   "front": no page without access is behind an array
 
+#include "../examples/large/local_blocks.h"
 #include "entries.h"
 
 #include <algorithm>
@@ -120,34 +121,12 @@ void each(const CsrArrays& a, Visit visit) {
     }
 }
 
-// For each row or column 0, or where it is chosen its number among the chosen ones, from 1.
-using Numbers = std::vector<Int>;
-
-Int number(Numbers& chosen) {
-    Int count = 0;
-    std::for_each(chosen.begin(), chosen.end(), [&](Int& each) { each = each != 0 ? ++count : 0; });
-    return count;
-}
-
-CsrArrays part(const CsrArrays& whole, const Numbers& rows, const Numbers& columns) {
-    CsrArrays chosen;
-    chosen.row_ptr.resize(size(*std::max_element(rows.begin(), rows.end()) + 1), 1);
-    each(whole, [&](Int row, Int col, double value) {
-        if (rows[size(row)] != 0 && columns[size(col)] != 0) {
-            chosen.col_ind.push_back(columns[size(col)]);
-            chosen.val.push_back(value);
-            std::fill(chosen.row_ptr.begin() + rows[size(row)], chosen.row_ptr.end(), Int(chosen.val.size()) + 1);
-        }
-    });
-    return chosen;
-}
-
 // An operand as the library gets it: it cannot be written.
 struct Operand {
     Exact<double> val;
     Exact<Int> col_ind, row_ptr;
 
-    Operand(Random& random, const CsrArrays& a)
+    Operand(Random& random, const Csr& a)
         : val(random, a.val, PROT_READ), col_ind(random, a.col_ind, PROT_READ), row_ptr(random, a.row_ptr, PROT_READ) {}
 
     operator CsrOperand() const { return {val, col_ind, row_ptr}; }
@@ -274,7 +253,7 @@ public:
             } else if (random_.one_in(7)) {
                 expect_refusal();
             } else if (random_.one_in(4)) {
-                expect_local_product();
+                expect_local_blocks();
             } else {
                 const Int stage = state_ != anything && random_.one_in(2) ? 2 : random_.between(0, 1);
                 const Int null = random_.one_in(4) ? random_.between(1, 7) : random_.one_in(3) ? val : 0;
@@ -449,33 +428,17 @@ private:
         }
     }
 
-    // Some rows of A times only the rows of B that they meet, which are those that share a column with them. The
-    // order of the columns in a row of the product depends on nothing else.
-    void expect_local_product() {
-        const Int first = random_.between(0, m_ - 1);
-        const Int last = random_.between(first + 1, m_);
-        Numbers rows(size(m_));
-        Numbers columns(size(k_));
-        Numbers met(size(n_));
-        std::fill(rows.begin() + first, rows.begin() + last, 1);
-        each(a_, [&](Int row, Int col, double) { columns[size(col)] |= rows[size(row)]; });
-        each(b_, [&](Int row, Int col, double) { met[size(row)] |= columns[size(col)]; });
-        const Int m = number(rows);
-        const Int k = number(columns);
-        const Int n = number(met);
-        if (n == 0) {
-            return; // MKL would refuse this B
-        }
-        const Operand a(random_, part(a_, rows, columns));
-        const Operand b(random_, part(b_, met, columns));
-        const CsrArrays c =
-            call(room_for_product(m, n), 0, [&](CsrOperand output) { multiply_csr(0, m, k, n, a, b, output); });
-        Int p = product_.row_ptr[size(first)] - 1;
-        each(c, [&](Int, Int col, double value) {
-            EXPECT_EQ(met.at(size(product_.col_ind.at(size(p)) - 1)), col + 1);
-            EXPECT_EQ(product_.val.at(size(p++)), value);
-        });
-        EXPECT_EQ(product_.row_ptr[size(last)], p + 1);
+    // The order of the columns in a row depends on nothing but that row of A and the rows of B that share a column
+    // with it: the product may be put together from row blocks of A with those rows of B alone.
+    void expect_local_blocks() {
+        const auto view = [](Csr& matrix) -> local_blocks::CsrView {
+            return {matrix.rows, matrix.cols, matrix.val.data(), matrix.col_ind.data(), matrix.row_ptr.data()};
+        };
+        auto c = local_blocks::structure_of_product(view(a_), view(b_), random_.between(1, m_ + 1));
+        local_blocks::refresh(view(a_), view(b_), c);
+        EXPECT_EQ(c.row_ptr, product_.row_ptr);
+        EXPECT_EQ(c.col_ind, std::vector<Int>(product_.col_ind.begin(), product_.col_ind.begin() + stored_));
+        EXPECT_EQ(c.val, Dense(product_.val.begin(), product_.val.begin() + stored_));
     }
 
     Random& random_;

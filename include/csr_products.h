@@ -255,9 +255,10 @@ void spgmatspgmattr_gmat_mkl_int64_new(
 /// made 0 is taken for that of a count, and all m*n elements are then written.
 ///
 /// A host may put `c_col_ind` and `c_row_ptr` together from smaller products, and then refresh them: each
-/// product takes some rows of A and only the rows of B that share a column with them. The rows of B that
-/// are left keep their order, and so do the columns, which may be numbered anew. This takes memory for the
-/// entries of C in place of m*n elements; `examples/large` shows it.
+/// product takes some consecutive rows of A and only the rows of B that share a column with them. The rows
+/// of B that are left keep their order, and so do the columns, which may be numbered anew; entries of B in
+/// columns that these rows of A do not have may be left out. This takes memory for the entries of C and for
+/// one smaller product at a time, each of which leaves a handle; `examples/large` shows it.
 ///
 /// Each call that computes the structure of C leaves one MKL handle behind: stages 0 and 1, and stage 2
 /// after a count. With some releases of MKL a product that MKL refuses leaves one too. A refresh leaves

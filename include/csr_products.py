@@ -229,8 +229,9 @@ def from_scipy(matrix):
     Entries with the same place are summed, as in SciPy's products. val and col_ind hold an element each for a
     matrix without entries. A complex matrix is a TypeError.
     """
-    csr = matrix.tocsr(copy=True)
-    csr.sum_duplicates()
+    coo = matrix.tocoo(copy=True)
+    coo.data = coo.data.astype(np.float64, casting="same_kind")  # before entries are summed
+    csr = coo.tocsr()
     nnz = csr.indptr[-1]
     val, col_ind = np.zeros(max(nnz, 1)), np.ones(max(nnz, 1), np.int64)
     np.copyto(val[:nnz], csr.data[:nnz])
@@ -243,17 +244,20 @@ def linear_operator(val, col_ind, row_ptr, shape):
 
     Every product is one of the library's: those with A and A^T, by a vector and by a block. They read the three
     arrays anew, so that a host may change the values in between. Vectors and blocks may be of any real type, stride
-    and order; a complex one is a TypeError. An array that is too short for `shape` is a ValueError.
+    and order; a complex one is a TypeError. Arrays that do not fit `shape` are a ValueError.
     """
     from scipy.sparse.linalg import LinearOperator  # here, since all else needs NumPy alone
 
     m, k = shape
     if row_ptr.size != m + 1 or min(val.size, col_ind.size) < row_ptr[-1] - 1:
         raise ValueError(f"val, col_ind, row_ptr: not a matrix of {m} x {k}")
+    columns = col_ind[: row_ptr[-1] - 1]
+    if columns.size and not 1 <= columns.min() <= columns.max() <= k:
+        raise ValueError(f"col_ind: not the columns of a matrix of {m} x {k}")
     new = np.empty if m and k else np.zeros  # the library writes nothing for a matrix without rows or columns
 
     def doubles(array):
-        return np.asarray(array).astype(np.float64, order="F", casting="same_kind", copy=False)
+        return np.require(np.asarray(array).astype(np.float64, casting="same_kind", copy=False), requirements="FA")
 
     def matvec(x):
         y = new(m)

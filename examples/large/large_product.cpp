@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <sys/resource.h>
 
 namespace {
 
@@ -109,5 +110,8 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    std::printf("memory: %.0f MB at most\n", double(usage.ru_maxrss) / 1000);
     return 0;
 }

@@ -13,7 +13,8 @@
 //     Csr c = structure_of_product(a, b, block_rows);
 //     refresh(a, b, c); // the values, and again whenever those of A or B have changed
 //
-// All arrays are one-based. No column stands twice in a row.
+// All arrays are one-based. No column stands twice in a row. A block of rows takes memory for its rows times the rows
+// of B that it meets, and leaves a handle of MKL's behind, of 17 to 26 KB.
 namespace local_blocks {
 
 using Int = std::int64_t;
@@ -109,6 +110,7 @@ inline void append_row(const CsrView& whole, Int row, const Chosen& columns, Csr
 // The structure of C := A*B^T; val has its length. Each block of rows of A is multiplied by only the rows of B that it
 // meets, those that share a column with it.
 inline Csr structure_of_product(const CsrView& a, const CsrView& b, Int block_rows) {
+    block_rows = std::clamp<Int>(block_rows, 1, std::max<Int>(a.rows, 1));
     const Csr b_columns = rows_of_columns(b);
     Csr c(a.rows, b.rows);
     Chosen columns(a.cols);

@@ -9,8 +9,8 @@
 namespace csr_products {
 namespace {
 
-// The state that a count leaves: a row pointer without column numbers. A structure without entries is none:
-// its col_ind need not hold an element.
+// The state that a count leaves: a row pointer without column numbers. A structure without entries has nothing
+// to finish, and its col_ind need not hold an element.
 bool is_counted(const CsrOperand& c) noexcept {
     return c.rows > 0 && c.cols > 0 && c.row_ptr != nullptr && c.col_ind != nullptr && c.row_ptr[0] == 1 &&
            c.row_ptr[c.rows] > 1 && c.col_ind[0] == 0;

@@ -1,0 +1,348 @@
+#include "checks.h"
+
+#include "bounds.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <utility>
+#include <xmmintrin.h>
+
+namespace csr_products::check {
+namespace {
+
+// What the library does to the output when it cannot wrap A: a product of a dense matrix or a vector clears m*k
+// elements, modulo 2^64, and the others do nothing.
+Text<100> refusal(const Call& call) noexcept {
+    const auto cleared = static_cast<Int>(static_cast<std::uint64_t>(call.m) * static_cast<std::uint64_t>(call.k));
+    const char* const output = call.output.name;
+    if (call.is_sparse_by_sparse() || call.n < 0 || cleared <= 0) {
+        return Text<100>("{} is left as it was", output);
+    }
+    Text<100> text("{} elements of {} are set to 0", cleared, output);
+    if (const Int behind = cleared - call.output.extent(); behind > 0) {
+        text.append(", {} of them behind its end", behind);
+    }
+    return text;
+}
+
+// Whether anything is computed with these dimensions.
+bool check_dimensions(const Call& call, Findings& found) noexcept {
+    for (const auto& [name, value] : {std::pair{"m", call.m}, {"k", call.k}, {"n", call.n}}) {
+        if (value < 0) {
+            return found.error("{} = {} is negative, so {}", name, value, refusal(call).view());
+        }
+    }
+    if (call.m == 0 || call.n == 0) {
+        found.note("{} = 0: nothing is computed", call.m == 0 ? "m" : "n");
+    } else if (call.k == 0 && !call.has(Accumulates)) {
+        found.error("k = 0: {} is left as it was, not set to 0", call.output.name);
+    }
+    return call.m > 0 && call.k > 0 && call.n > 0;
+}
+
+// Whether the array is there as a whole.
+bool check_bounds(const Block& block, Findings& found) noexcept {
+    const Int there = accessible(block);
+    return there >= block.extent() ||
+           (block.data == nullptr ? found.error("{} is null", block.name)
+                                  : found.error("{} ends after {} of {} elements", block.name, there, block.extent()));
+}
+
+// Whether the row pointer can be followed.
+bool check_row_pointer(const Sparse& matrix, Findings& found) noexcept {
+    const char* const name = matrix.names->row_ptr;
+    const Int* const row_ptr = matrix.row_ptr;
+    if (!check_bounds(array(name, row_ptr, std::min(matrix.rows, most_elements - 1) + 1), found)) {
+        return false;
+    }
+    if (const Int first = row_ptr[0]; first != 1) {
+        constexpr Int two_to_32 = Int{1} << 32;
+        const bool is_halved = first >= two_to_32 && first % two_to_32 <= 1;
+        const char* const hint = is_halved ? "; 32-bit integers?" : first == 0 ? "; indices count from 1" : "";
+        return found.error("{}[0] is {}, not 1{}", name, first, hint);
+    }
+    const Int i = std::is_sorted_until(row_ptr, row_ptr + matrix.rows + 1) - row_ptr;
+    return i > matrix.rows ||
+           found.error("{}[{}] is {}, less than {}[{}], which is {}", name, i, row_ptr[i], name, i - 1, row_ptr[i - 1]);
+}
+
+// Whether each row of [first, last) has its columns in ascending order, from 1 to cols. The loop over all entries has
+// no branches: it collects signs. The descents that it counts between two rows are subtracted.
+[[gnu::target_clones("avx2", "default")]] bool are_ascending(const Sparse& matrix, Int first, Int last) noexcept {
+    const Int* const col_ind = matrix.col_ind - 1;
+    const Int begin = matrix.row_ptr[first];
+    const Int end = matrix.row_ptr[last];
+    const std::uint64_t cols = as_unsigned(matrix.cols);
+    const auto sign = [](std::uint64_t difference) { return difference >> 63; };
+    const auto descent = [&](Int p) { return sign(as_unsigned(col_ind[p]) - as_unsigned(col_ind[p - 1]) - 1); };
+    std::uint64_t outside = 0;
+    std::uint64_t descents = 0;
+    for (Int p = begin; p < end; ++p) {
+        const std::uint64_t column = as_unsigned(col_ind[p]);
+        outside |= (column - 1) | (cols - column);
+        descents += p > begin ? descent(p) : 0;
+    }
+    for (Int i = first + 1; i < last; ++i) {
+        const Int start = matrix.row_ptr[i];
+        descents -= start > begin && start < matrix.row_ptr[i + 1] ? descent(start) : 0;
+    }
+    return sign(outside) == 0 && descents == 0;
+}
+
+using Bits = std::unique_ptr<std::uint64_t, decltype(&std::free)>;
+
+// The first column that stands twice in a row, or its end. `seen` has a zero for each column, and again afterwards.
+const Int* find_twice(const Int* begin, const Int* end, std::uint64_t* seen) noexcept {
+    if (seen == nullptr) { // no memory: slow, and right
+        return std::find_if(begin, end,
+                            [&](const Int& column) { return std::find(begin, &column, column) != &column; });
+    }
+    const auto bit = [](Int column) { return std::uint64_t{1} << (column % 64); };
+    const Int* const twice = std::find_if(begin, end, [&](Int column) {
+        const bool is_seen = (seen[column / 64] & bit(column)) != 0;
+        seen[column / 64] |= bit(column);
+        return is_seen;
+    });
+    std::for_each(begin, twice, [&](Int column) { seen[column / 64] &= ~bit(column); });
+    return twice;
+}
+
+// Whether the columns are in range, and each at most once in its row. Rows count from 1 in what is reported.
+bool check_columns(const Sparse& matrix, Findings& found) noexcept {
+    constexpr Int rows_at_once = 64; // so that the second loop finds the columns in the nearest cache
+    Bits seen(nullptr, std::free);
+    for (Int i = 0; i < matrix.rows; ++i) {
+        if (i % rows_at_once == 0 && are_ascending(matrix, i, std::min(i + rows_at_once, matrix.rows))) {
+            i += rows_at_once - 1;
+            continue;
+        }
+        const Int* const begin = matrix.col_ind + matrix.row_ptr[i] - 1;
+        const Int* const end = matrix.col_ind + matrix.row_ptr[i + 1] - 1;
+        const auto is_outside = [&](Int column) { return column < 1 || column > matrix.cols; };
+        if (const Int* const outside = std::find_if(begin, end, is_outside); outside != end) {
+            return found.error("{}: column {} in row {} is outside 1...{}{}", matrix.names->col_ind, *outside, i + 1,
+                               matrix.cols, *outside == 0 ? "; indices count from 1" : "");
+        }
+        if (std::adjacent_find(begin, end, std::greater_equal<>()) == end) {
+            continue;
+        }
+        if (seen == nullptr) {
+            seen.reset(static_cast<std::uint64_t*>(std::calloc(static_cast<std::size_t>(matrix.cols / 64) + 1, 8)));
+        }
+        if (const Int* const twice = find_twice(begin, end, seen.get()); twice != end) {
+            return found.error("{}: column {} stands twice in row {}", matrix.names->col_ind, *twice, i + 1);
+        }
+    }
+    return true;
+}
+
+// Whether A or B is a matrix that the library can take.
+bool check_operand(const Call& call, const Sparse& matrix, Findings& found) noexcept {
+    const SparseNames& names = *matrix.names;
+    if (matrix.row_ptr == nullptr || (matrix.col_ind == nullptr && matrix.val != nullptr)) {
+        const char* const name = matrix.row_ptr == nullptr ? names.row_ptr : names.col_ind;
+        return found.error("{} is null, so {}", name, refusal(call).view());
+    }
+    if (!check_row_pointer(matrix, found)) {
+        return false;
+    }
+    const Int entries = matrix.entries();
+    if (matrix.col_ind == nullptr) {
+        found.error("{} and {} are null, and releases of MKL differ in what they do then", names.val, names.col_ind);
+    } else if (&matrix == &call.b && entries == 0) {
+        found.error("B has no entries, so C is left as it was");
+    } else if (matrix.val == nullptr && entries > 0) {
+        found.error("{} is null, and {} has {} entries", names.val, names.matrix, entries);
+    } else if (matrix.val == nullptr && (call.form == Form::Matrix || call.form == Form::SparseDense)) {
+        found.error("{} is null, so {} is left as it was", names.val, call.output.name);
+    } else if (const Block val = array(names.val, matrix.val, entries),
+               col_ind = array(names.col_ind, matrix.col_ind, entries);
+               check_bounds(val, found) && check_bounds(col_ind, found) && check_columns(matrix, found)) {
+        found.blocks.add(val);
+        found.blocks.add(col_ind);
+        found.blocks.add(array(names.row_ptr, matrix.row_ptr, matrix.rows + 1));
+        return true;
+    }
+    return false;
+}
+
+// Whether the arrays of a product with a dense matrix have a place for each element.
+bool check_shapes(const Call& call, Findings& found) noexcept {
+    const bool is_square = call.m == call.k;
+    if (call.has(Symmetric) && !is_square) {
+        return found.error("m = {} and k = {} differ, and a symmetric A is square", call.m, call.k);
+    }
+    if (call.has(Transposed)) {
+        return is_square || call.n == 1 ||
+               found.error("m = {} and k = {} differ and n = {}: pass A as a square matrix", call.m, call.k, call.n);
+    }
+    bool fits = true;
+    for (const auto& [letter, block] : {std::pair{'B', call.dense}, {'C', call.output}}) {
+        if (block.leading_dimension < block.rows) {
+            fits = found.error("ld{} = {} is less than the {} rows of {}", block.name, block.leading_dimension,
+                               block.rows, letter);
+        }
+    }
+    return fits;
+}
+
+// The output arrays of the CSR product, as far as this stage uses them.
+void check_csr_outputs(const Call& call, Findings& found) noexcept {
+    const Sparse& c = call.c;
+    Int stored = Block{"", nullptr, call.m, call.n, call.m, false}.extent();
+    if (call.stage == 2 && c.row_ptr == nullptr) {
+        found.error("{} is null, so stage 2 writes nothing", c.names->row_ptr);
+        return;
+    }
+    if (call.stage == 2 && (!check_row_pointer(c, found) || c.entries() == 0)) {
+        return;
+    }
+    if (call.stage == 2 && c.col_ind == nullptr) {
+        found.error("{} is null, so stage 2 writes nothing", c.names->col_ind);
+        return;
+    }
+    if (call.stage == 2 && !is_counted(c)) {
+        stored = c.entries();
+        if (!check_bounds(array(c.names->col_ind, c.col_ind, stored), found) || !check_columns(c, found)) {
+            return;
+        }
+    }
+    for (const Block& output :
+         {array(c.names->val, c.val, stored, true), array(c.names->col_ind, c.col_ind, stored, true),
+          array(c.names->row_ptr, c.row_ptr, call.m + 1, true)}) {
+        if (output.data != nullptr && check_bounds(output, found)) {
+            found.blocks.add(output);
+        }
+    }
+}
+
+void check_overlaps(Findings& found) noexcept {
+    for (const Block& output : found.blocks) {
+        for (const Block& other : found.blocks) {
+            const bool is_known = other.written && &other <= &output;
+            if (output.written && !is_known && overlap(output, other)) {
+                found.error("{} overlaps {}", output.name, other.name);
+            }
+        }
+    }
+}
+
+std::uint64_t bits_of(const double& value) noexcept {
+    std::uint64_t bits = 0;
+    std::memcpy(&bits, &value, sizeof bits);
+    return bits == std::uint64_t{1} << 63 ? 0 : bits; // -0.0 is 0.0
+}
+
+// A symmetric A is given by its entries on and above the diagonal. Those below are compared by a sum of hashes.
+void note_lower_triangle(const Sparse& a, Findings& found) noexcept {
+    std::uint64_t difference = 0;
+    Int above = 0;
+    Int below = 0;
+    for (Int i = 1; i <= a.rows; ++i) {
+        for (Int p = a.row_ptr[i - 1] - 1; p < a.row_ptr[i] - 1; ++p) {
+            const Int j = a.col_ind[p];
+            const std::uint64_t place = as_unsigned(std::min(i, j)) * 0x9E3779B97F4A7C15 + as_unsigned(std::max(i, j));
+            const std::uint64_t hash =
+                (bits_of(a.val[p]) + (place ^ (place >> 29)) * 0xBF58476D1CE4E5B9) * 0x94D049BB133111EB;
+            above += j > i ? 1 : 0;
+            below += j < i ? 1 : 0;
+            difference += j == i ? 0 : (hash ^ (hash >> 31)) * as_unsigned(j > i ? 1 : -1);
+        }
+    }
+    if (below > 0 && above == 0) {
+        found.note("A has no entry above the diagonal, and those below have no effect");
+    } else if (below > 0 && difference != 0) {
+        found.note("the entries of A below the diagonal are not those above, and have no effect");
+    }
+}
+
+void note_meaning(const Call& call, Findings& found) noexcept {
+    const Block& c = call.output;
+    if (call.has(Symmetric)) {
+        note_lower_triangle(call.a, found);
+    }
+    for (Int j = 0; call.has(NamedSum) && j < c.columns; ++j) {
+        const double* const column = static_cast<const double*>(c.data) + j * c.leading_dimension;
+        if (std::any_of(column, column + c.rows, [](const double& value) { return bits_of(value) != 0; })) {
+            found.note("c holds values, and they are not added to");
+            return;
+        }
+    }
+}
+
+} // namespace
+
+bool is_row_pointer(const Int* row_ptr, Int rows) noexcept {
+    bool ascends = row_ptr[0] == 1;
+    for (Int i = 0; i < rows; ++i) {
+        ascends &= row_ptr[i] <= row_ptr[i + 1];
+    }
+    return ascends;
+}
+
+bool is_counted(const Sparse& c) noexcept {
+    return c.entries() > 0 && accessible(array("", c.col_ind, 1)) == 1 && c.col_ind[0] == 0;
+}
+
+bool overlap(const Block& one, const Block& other) noexcept {
+    const auto address = [](const Block& block, Int element) {
+        return reinterpret_cast<std::intptr_t>(block.data) + element * static_cast<Int>(sizeof(double));
+    };
+    const bool is_apart =
+        address(one, one.extent()) <= address(other, 0) || address(other, other.extent()) <= address(one, 0);
+    if (one.extent() == 0 || other.extent() == 0 || is_apart) {
+        return false;
+    }
+    // Each column of one against the first column of the other that ends behind its start.
+    const Int distance = other.leading_dimension * static_cast<Int>(sizeof(double));
+    for (Int j = 0; j < one.columns; ++j) {
+        const std::intptr_t begin = address(one, j * one.leading_dimension);
+        const std::intptr_t behind = begin - address(other, other.rows);
+        const Int column = behind < 0 ? 0 : behind / distance + 1;
+        if (column < other.columns &&
+            address(other, column * other.leading_dimension) < begin + one.rows * static_cast<Int>(sizeof(double))) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void check_arguments(const Call& call, Findings& found) noexcept {
+    if (call.form == Form::ThreadCount) {
+        if (call.threads <= 0) {
+            found.note("count = {}: the thread count stays as it was", call.threads);
+        }
+        return;
+    }
+    if ((_mm_getcsr() & _MM_MASK_MASK) != _MM_MASK_MASK) {
+        found.note("floating-point traps are enabled, and MKL may raise exceptions on the way to a right result");
+    }
+    if (call.stage < 0 || call.stage > 2) {
+        found.note("stage = {} is none of 0, 1 and 2, and works as 0", call.stage);
+    }
+    if (!check_dimensions(call, found)) {
+        return;
+    }
+    const bool has_shape = check_shapes(call, found);
+    const bool has_a = check_operand(call, call.a, found);
+    if (call.is_sparse_by_sparse() && (!check_operand(call, call.b, found) || !has_a)) {
+        return; // C is left as it was, or anything may happen
+    }
+    if (call.form == Form::SparseCsr) {
+        check_csr_outputs(call, found);
+    } else if (has_shape) {
+        for (const Block& block : {call.dense, call.output}) {
+            if (block.rows > 0 && check_bounds(block, found)) {
+                found.blocks.add(block);
+            }
+        }
+        if (!found.has_errors && !is_on_valgrind()) { // which would report values that need not be defined
+            note_meaning(call, found);
+        }
+    }
+    check_overlaps(found);
+}
+
+} // namespace csr_products::check

@@ -1,0 +1,20 @@
+#pragma once
+
+#include "findings.h"
+
+namespace csr_products::check {
+
+// Checks what can be known before the call from its arguments and its arrays. Finds no block if nothing will be
+// computed.
+void check_arguments(const Call& call, Findings& found) noexcept;
+
+// Whether an element is in both.
+bool overlap(const Block& one, const Block& other) noexcept;
+
+// The state that a count leaves in C, by which the library tells its finish from a refresh.
+bool is_counted(const Sparse& c) noexcept;
+
+// Whether it starts with 1 and never descends.
+bool is_row_pointer(const Int* row_ptr, Int rows) noexcept;
+
+} // namespace csr_products::check

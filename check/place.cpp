@@ -1,0 +1,119 @@
+#include "place.h"
+
+#include "report.h"
+
+#include <cstdlib>
+#include <cxxabi.h>
+#include <dlfcn.h>
+#ifdef CSR_PRODUCTS_HAS_BACKTRACE
+#include <backtrace.h>
+#endif
+
+namespace csr_products::check {
+namespace {
+
+// As far as it is known. The texts belong to the modules and to the debug information, which stay.
+struct Found {
+    const char* file = nullptr;
+    int line = 0;
+    const char* function = nullptr;
+};
+
+#ifdef CSR_PRODUCTS_HAS_BACKTRACE
+
+int take_line(void* found, std::uintptr_t /*pc*/, const char* file, int line, const char* function) {
+    *static_cast<Found*>(found) = {file, line, function};
+    return 1; // the innermost function is enough
+}
+
+void take_symbol(void* found, std::uintptr_t /*pc*/, const char* name, std::uintptr_t /*value*/,
+                 std::uintptr_t /*size*/) {
+    static_cast<Found*>(found)->function = name;
+}
+
+void ignore_error(void* /*found*/, const char* /*message*/, int /*number*/) {}
+
+Found look_up(std::uintptr_t pc) noexcept {
+    // It knows the modules that are loaded now, and takes a tenth of a second.
+    static backtrace_state* const state = backtrace_create_state(nullptr, 1, ignore_error, nullptr);
+    Found found;
+    if (state != nullptr) {
+        backtrace_pcinfo(state, pc, take_line, ignore_error, &found);
+    }
+    if (state != nullptr && found.function == nullptr) {
+        backtrace_syminfo(state, pc, take_symbol, ignore_error, &found);
+    }
+    return found;
+}
+
+#else
+
+Found look_up(std::uintptr_t /*pc*/) noexcept {
+    return {};
+}
+
+#endif
+
+std::string_view base_name(std::string_view path) noexcept {
+    return path.substr(path.find_last_of('/') + 1);
+}
+
+// Without the parameters of the function, which stand in the last brackets.
+std::string_view without_parameters(std::string_view function) noexcept {
+    int depth = 0;
+    for (std::size_t i = function.find_last_of(')'); i < function.size(); --i) {
+        depth += function[i] == ')' ? 1 : function[i] == '(' ? -1 : 0;
+        if (depth == 0) {
+            return function.substr(0, i);
+        }
+    }
+    return function;
+}
+
+Place describe(const void* return_address) noexcept {
+    const auto pc = reinterpret_cast<std::uintptr_t>(return_address) - 1; // within the call
+    Found found = look_up(pc);
+    Dl_info module{};
+    dladdr(return_address, &module);
+    Place place;
+    if (found.file != nullptr) {
+        place.append("{}:{}", base_name(found.file), found.line);
+    } else if (module.dli_fname != nullptr) {
+        place.append("{}+{:#x}", base_name(module.dli_fname), pc - reinterpret_cast<std::uintptr_t>(module.dli_fbase));
+    } else {
+        place.append("{:#x}", pc);
+    }
+    if (const char* const symbol = found.function != nullptr ? found.function : module.dli_sname; symbol != nullptr) {
+        int status = 0;
+        char* const name = abi::__cxa_demangle(symbol, nullptr, nullptr, &status);
+        place.append(" in {}", name != nullptr ? without_parameters(name) : symbol);
+        std::free(name); // NOLINT(*-no-malloc): the demangler's
+    }
+    return place;
+}
+
+constexpr std::size_t capacity = 1024; // what comes later is looked up each time
+const void* addresses[capacity];
+Place places[capacity];
+std::size_t count = 0;
+
+} // namespace
+
+Place place_of(const void* return_address) noexcept {
+    {
+        const Lock lock;
+        const auto i = static_cast<std::size_t>(std::find(addresses, addresses + count, return_address) - addresses);
+        if (i < count) {
+            return places[i];
+        }
+    }
+    const Place place = describe(return_address);
+    const Lock lock;
+    if (count < capacity) {
+        addresses[count] = return_address;
+        places[count++] = place;
+    }
+    return place;
+}
+
+} // namespace csr_products::check

@@ -1,0 +1,194 @@
+// The lines that a program's user sees, and the summary at its end.
+
+#include "report.h"
+
+#include "place.h"
+#include "watch.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace csr_products::check {
+namespace {
+
+// Set when this library is loaded.
+int output = -1;
+struct stat output_file;
+bool traces = false;
+bool stops = false;
+std::uint64_t load_time = 0;
+
+std::atomic<std::uint64_t> calls{0};
+std::atomic<std::uint64_t> threads{0};
+std::atomic<unsigned> generation{1}; // one more in the child of each fork
+[[gnu::tls_model("initial-exec")]] thread_local unsigned counted_generation = 0;
+
+// The complaints that were written, by their place and their text without its numbers.
+struct Written {
+    std::uint64_t key;
+    std::uint64_t count;
+    Text<500> line;
+};
+
+Written written[512];
+std::size_t distinct = 0;
+std::uint64_t counts[2]; // errors and notes
+
+std::uint64_t key_of(const Call& call, const Complaint& complaint) noexcept {
+    auto key = reinterpret_cast<std::uintptr_t>(call.site.caller);
+    for (const std::string_view part : {call.site.entry.name(), complaint.text.view()}) {
+        for (const char letter : part) {
+            key = letter >= '0' && letter <= '9' ? key : (key ^ static_cast<unsigned char>(letter)) * 0x100000001B3;
+        }
+    }
+    return key;
+}
+
+// Counts the complaint. Returns its new record, or null where it has one already or the table is full.
+Written* enter(const Call& call, const Complaint& complaint) noexcept {
+    const std::uint64_t key = key_of(call, complaint);
+    const Lock lock;
+    ++counts[static_cast<int>(complaint.severity)];
+    Written* const end = written + distinct;
+    Written* const found = std::find_if(written, end, [&](const Written& other) { return other.key == key; });
+    if (found != end) {
+        ++found->count;
+        return nullptr;
+    }
+    if (distinct == std::size(written)) {
+        return nullptr;
+    }
+    ++distinct;
+    *found = {key, 1, {}};
+    return found;
+}
+
+// Another library of this name, whose calls do not come through here.
+void tell_unchecked_library() noexcept {
+    std::FILE* const maps = std::fopen("/proc/self/maps", "re");
+    char line[1000];
+    while (maps != nullptr && std::fgets(line, sizeof line, maps) != nullptr) {
+        const char* const path = std::strchr(line, '/');
+        if (path != nullptr && std::strstr(path, "/libcsr_products.so") != nullptr &&
+            std::strstr(path, "/csr_products/libcsr_products.so") == nullptr) {
+            write_line("no call was checked: load libcsr_products.so.1 in place of {}",
+                       std::string_view(path, std::strcspn(path, "\n")));
+            break;
+        }
+    }
+    if (maps != nullptr) {
+        std::fclose(maps);
+    }
+}
+
+[[gnu::destructor]] void summarise() {
+    const std::uint64_t all = calls.load();
+    if (all == 0) {
+        tell_unchecked_library();
+        return;
+    }
+    write_line("calls: {}, threads: {}, errors: {}, notes: {}", all, threads.load(), counts[0], counts[1]);
+    for (std::size_t i = 0; i < distinct; ++i) {
+        if (written[i].count > 1) {
+            write_line("{} times: {}", written[i].count, written[i].line.view());
+        }
+    }
+    constexpr std::uint64_t million = 1000000;
+    const std::uint64_t run = std::max<std::uint64_t>(nanoseconds_now() - load_time, 1);
+    write_line("{:>10} {:>11} {:>11} {:>7}", "calls", "seconds", "ms a call", "share");
+    for (const Entry* entry : entries) {
+        const std::uint64_t count = entry->calls.load();
+        const std::uint64_t time = entry->nanoseconds.load();
+        if (count > 0) { // no floating-point arithmetic: the host may trap it
+            write_line("{:>10} {:>7}.{:03} {:>7}.{:03} {:>5} %  {}", count, time / million / 1000,
+                       time / million % 1000, time / count / million, time / count / 1000 % 1000, time * 100 / run,
+                       entry->name());
+        }
+    }
+    if (const std::uint64_t times = repeated_structures(); times > 0) {
+        write_line("{} times a sparse product computed a structure that C held once: stage 2 refreshes it", times);
+    }
+}
+
+// In the child of a fork, which counts its own calls. What products left is in its memory too.
+void start_child() {
+    forget_running();
+    ++generation;
+    distinct = 0;
+    counts[0] = counts[1] = 0;
+    calls = threads = 0;
+    for (Entry* entry : entries) {
+        entry->calls = entry->nanoseconds = 0;
+    }
+    pthread_mutex_unlock(&Lock::mutex);
+}
+
+// A host may close its standard error, and a file of its own then gets the number: lines go to a copy with a number
+// far away. Programs that this one starts do not get the copy.
+[[gnu::constructor]] void start() {
+    constexpr int far = 900;
+    const char* const file = std::getenv("CSR_PRODUCTS_CHECK_OUTPUT");
+    const int given = file == nullptr ? STDERR_FILENO : open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    const int copy = fcntl(given, F_DUPFD_CLOEXEC, far);
+    output = copy >= 0 ? copy : fcntl(given, F_DUPFD_CLOEXEC, STDERR_FILENO + 1); // not so many are permitted
+    fstat(output, &output_file);
+    traces = std::getenv("CSR_PRODUCTS_CHECK_TRACE") != nullptr;
+    stops = std::getenv("CSR_PRODUCTS_CHECK_STOP") != nullptr;
+    load_time = nanoseconds_now();
+    pthread_atfork([] { pthread_mutex_lock(&Lock::mutex); }, [] { pthread_mutex_unlock(&Lock::mutex); }, start_child);
+}
+
+} // namespace
+
+pthread_mutex_t Lock::mutex = PTHREAD_MUTEX_INITIALIZER;
+
+void write_text(std::string_view line) noexcept {
+    struct stat now {};
+    if (fstat(output, &now) != 0 || now.st_dev != output_file.st_dev || now.st_ino != output_file.st_ino) {
+        return; // the host has closed this too
+    }
+    const Text<900> text("csr_products[{}]: {}\n", getpid(), line);
+    [[maybe_unused]] const ssize_t size = write(output, text.view().data(), text.view().size());
+}
+
+std::uint64_t count_call() noexcept {
+    const unsigned now = generation.load(std::memory_order_relaxed);
+    if (counted_generation != now) {
+        counted_generation = now;
+        ++threads;
+    }
+    return ++calls;
+}
+
+bool is_traced() noexcept {
+    return traces;
+}
+
+void report(const Call& call, const Findings& found) noexcept {
+    for (const Complaint& complaint : found) {
+        Written* const entered = enter(call, complaint);
+        if (entered == nullptr && !traces) {
+            continue;
+        }
+        const Text<500> line("{}: {}: {}, called from {}", complaint.severity == Severity::Error ? "error" : "note",
+                             call.site.entry.name(), complaint.text.view(), place_of(call.site.caller).view());
+        if (entered != nullptr) {
+            entered->line = line;
+        }
+        write_text(line.view());
+    }
+    if (stops && found.has_errors) {
+        std::abort();
+    }
+}
+
+std::uint64_t nanoseconds_now() noexcept {
+    return static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+}
+
+} // namespace csr_products::check

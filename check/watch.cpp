@@ -1,0 +1,141 @@
+#include "watch.h"
+
+#include "checks.h"
+#include "place.h"
+#include "report.h"
+
+#include <cstdlib>
+#include <dlfcn.h>
+
+namespace csr_products::check {
+namespace {
+
+std::atomic<void*> library{nullptr};
+
+// The library in the folder above this one. The first call loads it, so that programs that never call do not start
+// MKL.
+void* load_library() noexcept {
+    Dl_info here{};
+    dladdr(&library, &here);
+    const std::string_view own = here.dli_fname;
+    Text<4096> path("{}/../libcsr_products.so.1", own.substr(0, own.find_last_of('/')));
+    path.append("{}", '\0');
+    return dlopen(path.view().data(), RTLD_NOW | RTLD_LOCAL);
+}
+
+void trace(const Call& call, std::uint64_t number) noexcept {
+    Text<200> arguments("m = {}, k = {}, n = {}", call.m, call.k, call.n);
+    if (call.form == Form::ThreadCount) {
+        arguments = Text<200>("count = {}", call.threads);
+    } else if (call.form == Form::SparseCsr) {
+        arguments.append(", stage = {}", call.stage);
+    } else if (call.form == Form::Matrix) {
+        arguments.append(", ldb = {}, ldc = {}", call.dense.leading_dimension, call.output.leading_dimension);
+    }
+    write_line("call {}: {}({}), called from {}", number, call.site.entry.name(), arguments.view(),
+               place_of(call.site.caller).view());
+}
+
+// The calls that run now.
+struct Running {
+    const Call* call; // null: free
+    Blocks blocks;
+};
+
+Running running[256];
+int used = 0; // slots behind are free
+
+// Compares the blocks with those of a call on another thread.
+void compare(Findings& found, const Running& other) noexcept {
+    for (const Block& mine : found.blocks) {
+        for (const Block& theirs : other.blocks) {
+            if ((mine.written || theirs.written) && overlap(mine, theirs)) {
+                found.error("{} is {} while {} on another thread {} it as its {}", mine.name,
+                            mine.written ? "written" : "read", other.call->site.entry.name(),
+                            theirs.written ? "writes" : "reads", theirs.name);
+                return;
+            }
+        }
+    }
+}
+
+// Compares the call with all that run, and enters it. Returns its slot, or -1 if none is free.
+int enter_running(const Call& call, Findings& found) noexcept {
+    const Lock lock;
+    int slot = used < static_cast<int>(std::size(running)) ? used : -1;
+    for (int i = 0; i < used; ++i) {
+        const Running& other = running[i];
+        if (other.call == nullptr) {
+            slot = i;
+        } else if (call.form != Form::ThreadCount) {
+            compare(found, other);
+        } else if (other.call->is_sparse_by_sparse()) {
+            found.error("the thread count is set while {} runs on another thread", other.call->site.entry.name());
+        }
+    }
+    if (slot >= 0) {
+        running[slot] = {&call, found.blocks};
+        used = std::max(used, slot + 1);
+    }
+    return slot;
+}
+
+void leave_running(int slot) noexcept {
+    const Lock lock;
+    if (slot >= 0) {
+        running[slot].call = nullptr;
+    }
+    for (; used > 0 && running[used - 1].call == nullptr; --used) {
+    }
+}
+
+} // namespace
+
+void forget_running() noexcept {
+    used = 0;
+}
+
+void* real_entry(Entry& entry) noexcept {
+    if (library.load() == nullptr) {
+        library.store(load_library());
+    }
+    if (entry.real.load() == nullptr && library.load() != nullptr) {
+        entry.real.store(dlsym(library.load(), entry.symbol));
+    }
+    if (entry.real.load() == nullptr) {
+        write_line("{}", dlerror());
+        std::_Exit(127);
+    }
+    return entry.real.load();
+}
+
+Watch::Watch(const Call& call) noexcept : call_(call), number_(count_call()) {
+    if (is_traced()) {
+        trace(call_, number_);
+    }
+    Findings found;
+    check_arguments(call_, found);
+    if (call_.form == Form::SparseCsr && found.blocks.count > 0 && !found.has_errors) {
+        check_stage(call_, found);
+        leaves_structure_ = call_.stage != 2 || is_counted(call_.c);
+    }
+    slot_ = enter_running(call_, found);
+    report(call_, found);
+    start_ = nanoseconds_now();
+}
+
+Watch::~Watch() {
+    const std::uint64_t time = nanoseconds_now() - start_;
+    call_.site.entry.nanoseconds += time;
+    ++call_.site.entry.calls;
+    leave_running(slot_);
+    if (leaves_structure_) {
+        remember(call_);
+    }
+    if (is_traced()) {
+        constexpr std::uint64_t million = 1000000;
+        write_line("call {}: {}.{:06} ms", number_, time / million, time % million);
+    }
+}
+
+} // namespace csr_products::check

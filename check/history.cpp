@@ -70,7 +70,7 @@ std::uint64_t shape_of_row(const Sparse& matrix, Int i) noexcept {
 
 // The bit of a row, and the word that holds it.
 std::pair<std::atomic<std::uint64_t>*, std::uint64_t> bit_of_row(const Call& call, Int i) noexcept {
-    const std::uint64_t bit = mix(shape_of_row(call.a, i), shape_of_row(call.c, i)) % row_bits;
+    const std::uint64_t bit = mix(mix(1, shape_of_row(call.a, i)), shape_of_row(call.c, i)) % row_bits;
     return {&rows_left[bit / 64], std::uint64_t{1} << (bit % 64)};
 }
 

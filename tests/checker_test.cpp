@@ -1,0 +1,390 @@
+// What csr-products-check says of wrong calls, and of right ones that look odd. The tests run under its --stop and
+// --output: each call is made by a child, which ends at its first error, before MKL sees the call.
+
+#include "entries.h"
+
+#include <cfenv>
+#include <fstream>
+#include <regex>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using Ints = std::vector<Int>;
+using Doubles = std::vector<double>;
+
+// The arguments of right calls: A is 3 x 4, B of the sparse products 2 x 4, and dense ones have two columns.
+struct Host {
+    Int m = 3, k = 4, n = 2, ldb = 4, ldc = 3, stage = 0;
+    Doubles val{2, 1, 3, 4, 5};
+    Ints col_ind{1, 3, 2, 1, 4}, row_ptr{1, 3, 4, 6};
+    Doubles b_val{1, 1, 1};
+    Ints b_col_ind{1, 2, 4}, b_row_ptr{1, 3, 4};
+    Doubles x = Doubles(8), y = Doubles(12);
+    Doubles c_val = Doubles(6);
+    Ints c_col_ind = Ints(6), c_row_ptr = Ints(4);
+
+    void vector(double* in, double* out) {
+        spgmatgvec_mkl_G_int64(val.data(), col_ind.data(), row_ptr.data(), in, m, k, out);
+    }
+    void vector() { vector(x.data(), y.data()); }
+    void vector_sum() {
+        spgmatgvecsum_mkl_G_int64(val.data(), col_ind.data(), row_ptr.data(), x.data(), m, k, y.data());
+    }
+    void matrix(double* in, double* out) {
+        spgmatgmat_mkl_G_int64(val.data(), col_ind.data(), row_ptr.data(), in, ldb, m, k, n, out, ldc);
+    }
+    void matrix() { matrix(x.data(), y.data()); }
+    void transposed() {
+        spgmattrgmat_mkl_G_int64(val.data(), col_ind.data(), row_ptr.data(), x.data(), m, k, n, y.data());
+    }
+    void symmetric() {
+        spgmatgmat_mkl_S_int64(val.data(), col_ind.data(), row_ptr.data(), x.data(), m, k, n, y.data());
+    }
+    void named_sum() {
+        spgmatgmatsum_mkl_S_int64(val.data(), col_ind.data(), row_ptr.data(), x.data(), ldb, m, k, n, y.data(), ldc);
+    }
+    void dense() { multiply_dense(m, k, n, a(), b(), y.data()); }
+    void csr() {
+        multiply_csr_in_c(stage, m, k, n, val.data(), col_ind.data(), row_ptr.data(), b_val.data(), b_col_ind.data(),
+                          b_row_ptr.data(), 0, c_val.data(), c_col_ind.data(), c_row_ptr.data(), nullptr);
+    }
+    void csr(Int at_stage) {
+        stage = at_stage;
+        csr();
+    }
+
+    CsrOperand a() { return {val.data(), col_ind.data(), row_ptr.data()}; }
+    CsrOperand b() { return {b_val.data(), b_col_ind.data(), b_row_ptr.data()}; }
+
+    // A symmetric A of 3 x 3: 2 on the diagonal, and these beside it.
+    Host& make_symmetric(double above, double below) {
+        m = k = ldb = 3;
+        val = {2, above, below, 2, 2};
+        col_ind = {1, 2, 1, 2, 3};
+        row_ptr = {1, 3, 5, 6};
+        return *this;
+    }
+};
+
+// As many elements as fit before a page that cannot be read.
+template <class T>
+T* before_the_end(std::size_t elements) {
+    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    void* const pages = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    mprotect(static_cast<char*>(pages) + page, page, PROT_NONE);
+    return static_cast<T*>(pages) + page / sizeof(T) - elements;
+}
+
+// Runs both at the same time, again and again, until the checker ends the process.
+template <class One, class Other>
+void run_at_once(One one, Other other) {
+    std::thread([one]() mutable {
+        for (;;) {
+            one();
+        }
+    }).detach();
+    for (int i = 0; i < 1000000; ++i) {
+        other();
+    }
+}
+
+using Act = void (*)(Host&);
+
+// What the checker says while a child acts, without the process and the caller's place.
+std::string complaints(Act act, bool& is_ended) {
+    const char* const output = std::getenv("CSR_PRODUCTS_CHECK_OUTPUT");
+    EXPECT_TRUE(output != nullptr && truncate(output, 0) == 0) << "not under csr-products-check --output";
+    const pid_t child = fork();
+    if (child == 0) {
+        Host host;
+        act(host);
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    is_ended = WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
+    EXPECT_TRUE(is_ended || (WIFEXITED(status) && WEXITSTATUS(status) == 0)) << "status " << status;
+    std::ifstream lines(output == nullptr ? "" : output);
+    std::string text(std::istreambuf_iterator<char>(lines), {});
+    return std::regex_replace(text, std::regex("csr_products\\[[0-9]+\\]: |, called from [^\n]*|\n$"), "");
+}
+
+struct Row {
+    const char* line;
+    Act act;
+};
+
+void PrintTo(const Row& row, std::ostream* out) {
+    *out << row.line;
+}
+
+class Errors : public testing::TestWithParam<Row> {};
+
+TEST_P(Errors, EndTheProcessBeforeMkl) {
+    bool is_ended = false;
+    EXPECT_EQ(complaints(GetParam().act, is_ended), std::string("error: ") + GetParam().line);
+    EXPECT_TRUE(is_ended);
+}
+
+const Row operand_errors[] = {
+    {"spgmatgvec_mkl_G_int64: x is null", [](Host& h) { h.vector(nullptr, h.y.data()); }},
+    {"spgmatgmat_mkl_G_int64: c is null", [](Host& h) { h.matrix(h.x.data(), nullptr); }},
+    {"spgmatgvec_mkl_G_int64: row_ptr[0] is 0, not 1; indices count from 1",
+     [](Host& h) {
+         h.row_ptr = {0, 2, 3, 5}, h.vector();
+     }},
+    {"spgmatgvec_mkl_G_int64: row_ptr[0] is 12884901889, not 1; 32-bit integers?",
+     [](Host& h) {
+         h.row_ptr = {(Int{3} << 32) + 1, (Int{6} << 32) + 4, 0, 0}, h.vector();
+     }},
+    {"spgmatgvec_mkl_G_int64: row_ptr[0] is 2, not 1", [](Host& h) { h.row_ptr[0] = 2, h.vector(); }},
+    {"spgmatgmat_mkl_G_int64: row_ptr[2] is 2, less than row_ptr[1], which is 3",
+     [](Host& h) { h.row_ptr[2] = 2, h.matrix(); }},
+    {"spgmatspgmattr_mkl_int64_new: a_col_ind: column 0 in row 1 is outside 1...4; indices count from 1",
+     [](Host& h) {
+         h.col_ind = {0, 2, 1, 0, 3}, h.csr();
+     }},
+    {"spgmatspgmattr_gmat_mkl_int64_new: b_col_ind: column 5 in row 2 is outside 1...4",
+     [](Host& h) { h.b_col_ind[2] = 5, h.dense(); }},
+    {"spgmatgvec_mkl_G_int64: col_ind: column -1 in row 3 is outside 1...4",
+     [](Host& h) { h.col_ind[3] = -1, h.vector(); }},
+    {"spgmatgvec_mkl_G_int64: col_ind: column 3 stands twice in row 1", [](Host& h) { h.col_ind[0] = 3, h.vector(); }},
+    {"spgmatgvec_mkl_G_int64: col_ind: column 2 stands twice in row 3",
+     [](Host& h) { h.val.resize(7), h.row_ptr[3] = 8, h.col_ind = {3, 1, 2, 2, 4, 1, 2}, h.vector(); }},
+};
+
+const Row refusal_errors[] = {
+    {"spgmatgvec_mkl_G_int64: col_ind is null, so 12 elements of y are set to 0, 9 of them behind its end",
+     [](Host& h) { h.col_ind = Ints(), h.vector(); }},
+    {"spgmatgmat_mkl_G_int64: row_ptr is null, so 12 elements of c are set to 0",
+     [](Host& h) { h.row_ptr = Ints(), h.n = 4, h.matrix(); }},
+    {"spgmatspgmattr_mkl_int64_new: b_col_ind is null, so C is left as it was",
+     [](Host& h) { h.b_col_ind = Ints(), h.csr(); }},
+    {"spgmatspgmattr_gmat_mkl_int64_new: a_row_ptr is null, so c is left as it was",
+     [](Host& h) { h.row_ptr = Ints(), h.dense(); }},
+    {"spgmatgvec_mkl_G_int64: val and col_ind are null, and releases of MKL differ in what they do then",
+     [](Host& h) { h.val = Doubles(), h.col_ind = Ints(), h.vector(); }},
+    {"spgmatgvec_mkl_G_int64: val is null, and A has 5 entries", [](Host& h) { h.val = Doubles(), h.vector(); }},
+    {"spgmatgmat_mkl_G_int64: val is null, so c is left as it was",
+     [](Host& h) {
+         h.val = Doubles(), h.row_ptr = {1, 1, 1, 1}, h.matrix();
+     }},
+    {"spgmatspgmattr_mkl_int64_new: B has no entries, so C is left as it was",
+     [](Host& h) {
+         h.b_row_ptr = {1, 1, 1}, h.csr();
+     }},
+    {"spgmatgmat_mkl_G_int64: n = -2 is negative, so c is left as it was", [](Host& h) { h.n = -2, h.matrix(); }},
+    {"spgmatgvec_mkl_G_int64: m = -2 is negative, so 6 elements of y are set to 0, 6 of them behind its end",
+     [](Host& h) { h.m = -2, h.k = -3, h.vector(); }},
+    {"spgmatgvec_mkl_G_int64: k = 0: y is left as it was, not set to 0", [](Host& h) { h.k = 0, h.vector(); }},
+    {"spgmatspgmattr_mkl_int64_new: k = 0: C is left as it was, not set to 0", [](Host& h) { h.k = 0, h.csr(); }},
+};
+
+const Row array_errors[] = {
+    {"spgmatgmat_mkl_G_int64: ldb = 3 is less than the 4 rows of B", [](Host& h) { h.ldb = 3, h.matrix(); }},
+    {"spgmatgmat_mkl_G_int64: ldc = 2 is less than the 3 rows of C", [](Host& h) { h.ldc = 2, h.matrix(); }},
+    {"spgmatgmat_mkl_S_int64: m = 3 and k = 4 differ, and a symmetric A is square", [](Host& h) { h.symmetric(); }},
+    {"spgmattrgmat_mkl_G_int64: m = 3 and k = 4 differ and n = 2: pass A as a square matrix",
+     [](Host& h) { h.transposed(); }},
+    {"spgmatgvec_mkl_G_int64: x ends after 3 of 4 elements",
+     [](Host& h) { h.vector(before_the_end<double>(3), h.y.data()); }},
+    {"spgmatgvec_mkl_G_int64: y ends after 2 of 3 elements",
+     [](Host& h) { h.vector(h.x.data(), before_the_end<double>(2)); }},
+    {"spgmatgmat_mkl_G_int64: c ends after 7 of 8 elements",
+     [](Host& h) { h.ldc = 5, h.matrix(h.x.data(), before_the_end<double>(7)); }},
+    {"spgmatgvec_mkl_G_int64: x ends after 511 of 1000000 elements", // with other memory behind the hole
+     [](Host& h) {
+         double* const start = before_the_end<double>(511);
+         mmap(start + 512, 8000000, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+         munmap(start + 511, 8);
+         h.k = 1000000, h.vector(start, h.y.data());
+     }},
+    {"spgmatgvec_mkl_G_int64: y overlaps x", [](Host& h) { h.vector(h.x.data(), h.x.data() + 3); }},
+    {"spgmatgmat_mkl_G_int64: c overlaps b",
+     [](Host& h) { h.ldb = h.ldc = 6, h.y.resize(16), h.matrix(h.y.data(), h.y.data() + 3); }},
+    {"spgmatgvec_mkl_G_int64: y overlaps val", [](Host& h) { h.vector(h.x.data(), h.val.data()); }},
+};
+
+const Row stage_errors[] = {
+    {"spgmatspgmattr_mkl_int64_new: c_col_ind is null, so stage 2 writes nothing",
+     [](Host& h) { h.csr(), h.c_col_ind = Ints(), h.csr(2); }},
+    {"spgmatspgmattr_mkl_int64_new: c_col_ind: no product in this process left this structure",
+     [](Host& h) {
+         h.c_row_ptr = {1, 2, 3, 4}, h.c_col_ind = {1, 1, 1}, h.csr(2);
+     }},
+    {"spgmatspgmattr_mkl_int64_new: c_col_ind: no product in this process left this structure", // after another
+     [](Host& h) {
+         h.csr(), h.c_row_ptr = {1, 2, 4, 5}, h.c_col_ind = {1, 1, 2, 1}, h.csr(2);
+     }},
+    {"spgmatspgmattr_mkl_int64_new: c_col_ind: the columns stand in another order than a product left them",
+     [](Host& h) { h.csr(), std::swap(h.c_col_ind[2], h.c_col_ind[3]), h.csr(2); }},
+    {"spgmatspgmattr_mkl_int64_new: A has another structure than at the product that left C",
+     [](Host& h) { h.csr(), std::swap(h.col_ind[0], h.col_ind[1]), h.csr(2); }},
+    {"spgmatspgmattr_mkl_int64_new: B has another structure than at the product that left C",
+     [](Host& h) { h.csr(), h.b_col_ind[0] = 3, h.csr(2); }},
+    {"spgmatspgmattr_mkl_int64_new: c_col_ind: column 2 stands twice in row 3",
+     [](Host& h) { h.csr(), h.c_col_ind[2] = h.c_col_ind[3] = 2, h.csr(2); }},
+};
+
+const Row thread_errors[] = {
+    {"spgmatgvec_mkl_G_int64: y is written while spgmatgvec_mkl_G_int64 on another thread writes it as its y",
+     [](Host& h) { run_at_once([&h] { h.vector(); }, [&h] { h.vector(); }); }},
+    {"qz_mkl_set_num_threads_int64: the thread count is set while spgmatspgmattr_gmat_mkl_int64_new runs on another "
+     "thread",
+     [](Host& h) { run_at_once([&h] { h.dense(); }, [] { qz_mkl_set_num_threads_int64(1); }); }},
+};
+
+INSTANTIATE_TEST_SUITE_P(Operands, Errors, testing::ValuesIn(operand_errors));
+INSTANTIATE_TEST_SUITE_P(Refusals, Errors, testing::ValuesIn(refusal_errors));
+INSTANTIATE_TEST_SUITE_P(Arrays, Errors, testing::ValuesIn(array_errors));
+INSTANTIATE_TEST_SUITE_P(Stages, Errors, testing::ValuesIn(stage_errors));
+INSTANTIATE_TEST_SUITE_P(Threads, Errors, testing::ValuesIn(thread_errors));
+
+class Others : public testing::TestWithParam<Row> {};
+
+TEST_P(Others, LetTheProcessGoOn) {
+    bool is_ended = true;
+    EXPECT_EQ(complaints(GetParam().act, is_ended), GetParam().line);
+    EXPECT_FALSE(is_ended);
+}
+
+const Row notes[] = {
+    {"note: spgmatgmat_mkl_G_int64: n = 0: nothing is computed", [](Host& h) { h.n = 0, h.matrix(); }},
+    {"note: spgmatgvec_mkl_G_int64: m = 0: nothing is computed", [](Host& h) { h.m = h.k = 0, h.vector(); }},
+    {"note: spgmatgmatsum_mkl_S_int64: c holds values, and they are not added to",
+     [](Host& h) { h.make_symmetric(7, 7), h.y[4] = 1, h.named_sum(); }},
+    {"note: spgmatgmat_mkl_S_int64: the entries of A below the diagonal are not those above, and have no effect",
+     [](Host& h) { h.make_symmetric(7, 8).symmetric(); }},
+    {"note: spgmatgmat_mkl_S_int64: A has no entry above the diagonal, and those below have no effect",
+     [](Host& h) {
+         h.make_symmetric(7, 7), h.row_ptr = {1, 2, 4, 5}, h.col_ind = {1, 1, 2, 3}, h.symmetric();
+     }},
+    {"note: spgmatspgmattr_mkl_int64_new: stage = 3 is none of 0, 1 and 2, and works as 0", [](Host& h) { h.csr(3); }},
+    {"note: qz_mkl_set_num_threads_int64: count = 0: the thread count stays as it was",
+     [](Host&) { qz_mkl_set_num_threads_int64(0); }},
+    {"note: spgmatgvec_mkl_G_int64: floating-point traps are enabled, and MKL may raise exceptions on the way to a "
+     "right result",
+     [](Host& h) { feenableexcept(FE_DIVBYZERO), h.vector(); }},
+    {"note: spgmatspgmattr_mkl_int64_new: c_row_ptr is not what a count of operands with this structure left, and C is "
+     "computed anew",
+     [](Host& h) { h.csr(1), h.b_col_ind[0] = 3, h.csr(2); }},
+};
+
+// The host's A twice, one below the other. Both halves of C come from products of their own.
+void refresh_pieces(Host& h) {
+    h.csr();
+    Host whole = h;
+    whole.m = 6;
+    whole.val.insert(whole.val.end(), h.val.begin(), h.val.end());
+    whole.col_ind.insert(whole.col_ind.end(), h.col_ind.begin(), h.col_ind.end());
+    whole.row_ptr = {1, 3, 4, 6, 8, 9, 11};
+    const Int stored = h.c_row_ptr[3] - 1;
+    whole.c_col_ind.resize(size(stored));
+    whole.c_col_ind.insert(whole.c_col_ind.end(), h.c_col_ind.begin(), h.c_col_ind.begin() + stored);
+    whole.c_val.resize(size(2 * stored));
+    std::transform(h.c_row_ptr.begin() + 1, h.c_row_ptr.end(), std::back_inserter(whole.c_row_ptr),
+                   [&](Int start) { return start + stored; });
+    whole.csr(2);
+}
+
+const Row notes_of_the_process[] = {
+    {"note: spgmatspgmattr_mkl_int64_new: C is not what one product left, and is taken for one that was put together "
+     "from several",
+     refresh_pieces},
+    {"note: spgmatgmat_mkl_G_int64: n = 0: nothing is computed", // no memory for more than the line
+     [](Host& h) {
+         h.matrix();
+         const rlimit none{1, 1};
+         setrlimit(RLIMIT_AS, &none);
+         h.n = 0, h.matrix();
+     }},
+    {"note: spgmatgmat_mkl_G_int64: n = 0: nothing is computed", // on a small stack
+     [](Host& h) {
+         pthread_attr_t attributes;
+         pthread_attr_init(&attributes);
+         pthread_attr_setstacksize(&attributes, std::size_t{48} << 10);
+         pthread_t thread{};
+         const auto call = [](void* host) -> void* {
+             static_cast<Host*>(host)->csr();
+             static_cast<Host*>(host)->n = 0;
+             static_cast<Host*>(host)->matrix();
+             return nullptr;
+         };
+         pthread_create(&thread, &attributes, call, &h);
+         pthread_join(thread, nullptr);
+     }},
+};
+
+// Right, although they look odd.
+const Row silent[] = {
+    {"", [](Host& h) { h.vector(h.x.data(), h.x.data() + 4); }}, // x and y touch
+    {"",
+     [](Host& h) { h.ldb = h.ldc = 7, h.y.resize(14), h.matrix(h.y.data(), h.y.data() + 4); }}, // panels of an array
+    {"", [](Host& h) { h.ldc = 5, h.matrix(h.x.data(), before_the_end<double>(8)); }}, // no end of the last column
+    {"", [](Host& h) { h.vector(before_the_end<double>(4), before_the_end<double>(3)); }},
+    {"", [](Host& h) { h.n = 1, h.transposed(); }}, // a rectangular A and one column
+    {"", [](Host& h) { h.k = 0, h.vector_sum(); }}, // y + 0
+    {"", [](Host& h) { h.make_symmetric(7, 7).symmetric(); }},
+    {"", [](Host& h) { h.make_symmetric(0.0, -0.0).symmetric(); }},
+    {"",
+     [](Host& h) {
+         h.make_symmetric(7, 7), h.col_ind = {1, 2, 2, 3, 3}, h.row_ptr = {1, 3, 5, 6}, h.symmetric();
+     }},
+    {"", [](Host& h) { h.make_symmetric(7, 7).named_sum(); }}, // C holds zeros
+    {"",
+     [](Host& h) {
+         h.row_ptr = {1, 1, 1, 6}, h.k = 9, h.x.resize(9), h.col_ind = {9, 1, 4, 2, 3}, h.vector();
+     }},
+    {"", [](Host& h) { h.csr(), h.val[0] = 9, h.csr(2), h.csr(2); }},
+    {"",
+     [](Host& h) {
+         h.csr(), h.c_col_ind = Ints(h.c_col_ind.begin(), h.c_col_ind.begin() + 4), h.csr(2);
+     }}, // compressed
+    {"", // a count without arrays, its finish, a refresh without values
+     [](Host& h) {
+         Host count = h;
+         count.c_val = Doubles(), count.c_col_ind = Ints(), count.csr(1);
+         h.c_row_ptr = count.c_row_ptr, h.csr(2);
+         h.c_val = Doubles(), h.csr(2);
+     }},
+    {"", // a product without entries
+     [](Host& h) {
+         h.row_ptr = {1, 2, 2, 2}, h.col_ind[0] = 3, h.csr();
+         h.c_val = Doubles(), h.c_col_ind = Ints(), h.csr(2);
+     }},
+    {"", // C as an operand, with its columns in MKL's order
+     [](Host& h) {
+         h.csr();
+         spgmatgvec_mkl_G_int64(h.c_val.data(), h.c_col_ind.data(), h.c_row_ptr.data(), h.x.data(), 3, 2, h.y.data());
+     }},
+    {"", // two threads that write rows of one array, in turn with forks
+     [](Host& h) {
+         h.ldc = 6;
+         std::thread other([&] {
+             for (int i = 0; i < 20000; ++i) {
+                 h.matrix(h.x.data(), h.y.data() + 3);
+             }
+         });
+         for (int i = 0; i < 100; ++i) {
+             h.matrix();
+             if (const pid_t child = fork(); child == 0) {
+                 Host().vector();
+                 _exit(0);
+             } else {
+                 waitpid(child, nullptr, 0);
+             }
+         }
+         other.join();
+     }},
+};
+
+INSTANTIATE_TEST_SUITE_P(Notes, Others, testing::ValuesIn(notes));
+INSTANTIATE_TEST_SUITE_P(Process, Others, testing::ValuesIn(notes_of_the_process));
+INSTANTIATE_TEST_SUITE_P(Silent, Others, testing::ValuesIn(silent));
+
+} // namespace

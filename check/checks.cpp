@@ -157,13 +157,18 @@ bool check_operand(const Call& call, const Sparse& matrix, Findings& found) noex
         found.error("{} is null, and {} has {} entries", names.val, names.matrix, entries);
     } else if (matrix.val == nullptr && (call.form == Form::Matrix || call.form == Form::SparseDense)) {
         found.error("{} is null, so {} is left as it was", names.val, call.output.name);
-    } else if (const Block val = array(names.val, matrix.val, entries),
-               col_ind = array(names.col_ind, matrix.col_ind, entries);
-               check_bounds(val, found) && check_bounds(col_ind, found) && check_columns(matrix, found)) {
-        found.blocks.add(val);
-        found.blocks.add(col_ind);
-        found.blocks.add(array(names.row_ptr, matrix.row_ptr, matrix.rows + 1));
-        return true;
+    } else {
+        const Block val = array(names.val, matrix.val, entries);
+        const Block col_ind = array(names.col_ind, matrix.col_ind, entries);
+        if (matrix.val == nullptr) {
+            found.note("{} is null; give a matrix without entries one element", names.val);
+        }
+        if (check_bounds(val, found) && check_bounds(col_ind, found) && check_columns(matrix, found)) {
+            found.blocks.add(val);
+            found.blocks.add(col_ind);
+            found.blocks.add(array(names.row_ptr, matrix.row_ptr, matrix.rows + 1));
+            return true;
+        }
     }
     return false;
 }
@@ -309,12 +314,12 @@ bool overlap(const Block& one, const Block& other) noexcept {
     return false;
 }
 
-void check_arguments(const Call& call, Findings& found) noexcept {
+bool check_arguments(const Call& call, Findings& found) noexcept {
     if (call.form == Form::ThreadCount) {
         if (call.threads <= 0) {
             found.note("count = {}: the thread count stays as it was", call.threads);
         }
-        return;
+        return false;
     }
     if ((_mm_getcsr() & _MM_MASK_MASK) != _MM_MASK_MASK) {
         found.note("floating-point traps are enabled, and MKL may raise exceptions on the way to a right result");
@@ -323,16 +328,16 @@ void check_arguments(const Call& call, Findings& found) noexcept {
         found.note("stage = {} is none of 0, 1 and 2, and works as 0", call.stage);
     }
     if (!check_dimensions(call, found)) {
-        return;
+        return false;
     }
-    const bool has_shape = check_shapes(call, found);
     const bool has_a = check_operand(call, call.a, found);
-    if (call.is_sparse_by_sparse() && (!check_operand(call, call.b, found) || !has_a)) {
-        return; // C is left as it was, or anything may happen
+    const bool has_null = call.a.val == nullptr || call.a.col_ind == nullptr || call.a.row_ptr == nullptr;
+    if ((has_null && !has_a) || (call.is_sparse_by_sparse() && (!check_operand(call, call.b, found) || !has_a))) {
+        return false; // C is not computed, or anything may happen
     }
     if (call.form == Form::SparseCsr) {
         check_csr_outputs(call, found);
-    } else if (has_shape) {
+    } else if (check_shapes(call, found)) {
         for (const Block& block : {call.dense, call.output}) {
             if (block.rows > 0 && check_bounds(block, found)) {
                 found.blocks.add(block);
@@ -343,6 +348,7 @@ void check_arguments(const Call& call, Findings& found) noexcept {
         }
     }
     check_overlaps(found);
+    return !found.has_errors;
 }
 
 } // namespace csr_products::check

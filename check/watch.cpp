@@ -114,8 +114,8 @@ Watch::Watch(const Call& call) noexcept : call_(call), number_(count_call()) {
         trace(call_, number_);
     }
     Findings found;
-    check_arguments(call_, found);
-    if (call_.form == Form::SparseCsr && found.blocks.count > 0 && !found.has_errors) {
+    const bool is_right = check_arguments(call_, found);
+    if (is_right && call_.form == Form::SparseCsr) {
         check_stage(call_, found);
         leaves_structure_ = call_.stage != 2 || is_counted(call_.c);
     }

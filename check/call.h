@@ -107,6 +107,11 @@ struct Call {
     Int stage = 0;  // of the CSR product
     int threads = 0;
 
+    std::uint64_t number = 0; // in the process
+    std::uint64_t start = 0;  // nanoseconds
+    int slot = -1;            // among the running calls
+    bool leaves_structure = false;
+
     bool has(Property property) const noexcept { return (site.entry.properties & property) != 0; }
     bool is_sparse_by_sparse() const noexcept { return form == Form::SparseDense || form == Form::SparseCsr; }
 };

@@ -14,7 +14,4 @@ bool overlap(const Block& one, const Block& other) noexcept;
 // The state that a count leaves in C, by which the library tells its finish from a refresh.
 bool is_counted(const Sparse& c) noexcept;
 
-// Whether it starts with 1 and never descends.
-bool is_row_pointer(const Int* row_ptr, Int rows) noexcept;
-
 } // namespace csr_products::check

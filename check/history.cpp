@@ -142,9 +142,9 @@ void check_stage(const Call& call, Findings& found) noexcept {
 void remember(const Call& call) noexcept {
     const Sparse& c = call.c;
     const bool is_count = call.stage == 1;
-    if (c.row_ptr == nullptr || !is_row_pointer(c.row_ptr, c.rows) ||
-        (!is_count && (c.col_ind == nullptr || accessible(array("", c.col_ind, c.entries())) < c.entries()))) {
-        return;
+    if (c.row_ptr == nullptr || c.row_ptr[0] != 1 || !std::is_sorted(c.row_ptr, c.row_ptr + c.rows + 1) ||
+        (!is_count && accessible(array("", c.col_ind, c.entries())) < c.entries())) {
+        return; // memory ran out, or not even the structure was asked for
     }
     const Product product = product_of(call, is_count);
     for (Int i = 0; !is_count && i < call.m; ++i) {

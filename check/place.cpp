@@ -1,7 +1,5 @@
 #include "place.h"
 
-#include "report.h"
-
 #include <cstdlib>
 #include <cxxabi.h>
 #include <dlfcn.h>
@@ -70,7 +68,9 @@ std::string_view without_parameters(std::string_view function) noexcept {
     return function;
 }
 
-Place describe(const void* return_address) noexcept {
+} // namespace
+
+Place place_of(const void* return_address) noexcept {
     const auto pc = reinterpret_cast<std::uintptr_t>(return_address) - 1; // within the call
     Found found = look_up(pc);
     Dl_info module{};
@@ -88,30 +88,6 @@ Place describe(const void* return_address) noexcept {
         char* const name = abi::__cxa_demangle(symbol, nullptr, nullptr, &status);
         place.append(" in {}", name != nullptr ? without_parameters(name) : symbol);
         std::free(name); // NOLINT(*-no-malloc): the demangler's
-    }
-    return place;
-}
-
-constexpr std::size_t capacity = 1024; // what comes later is looked up each time
-const void* addresses[capacity];
-Place places[capacity];
-std::size_t count = 0;
-
-} // namespace
-
-Place place_of(const void* return_address) noexcept {
-    {
-        const Lock lock;
-        const auto i = static_cast<std::size_t>(std::find(addresses, addresses + count, return_address) - addresses);
-        if (i < count) {
-            return places[i];
-        }
-    }
-    const Place place = describe(return_address);
-    const Lock lock;
-    if (count < capacity) {
-        addresses[count] = return_address;
-        places[count++] = place;
     }
     return place;
 }

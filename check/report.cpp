@@ -9,9 +9,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace csr_products::check {
 namespace {
@@ -49,35 +51,32 @@ std::uint64_t key_of(const Call& call, const Complaint& complaint) noexcept {
     return key;
 }
 
-// Counts the complaint. Returns its new record, or null where it has one already or the table is full.
+// Counts the complaint. Returns its record if it is a new one, and null where the table is full.
 Written* enter(const Call& call, const Complaint& complaint) noexcept {
     const std::uint64_t key = key_of(call, complaint);
     const Lock lock;
     ++counts[static_cast<int>(complaint.severity)];
     Written* const end = written + distinct;
     Written* const found = std::find_if(written, end, [&](const Written& other) { return other.key == key; });
-    if (found != end) {
-        ++found->count;
+    if (found == std::end(written)) {
         return nullptr;
     }
-    if (distinct == std::size(written)) {
-        return nullptr;
-    }
-    ++distinct;
-    *found = {key, 1, {}};
-    return found;
+    distinct += found == end ? 1 : 0;
+    found->key = key;
+    return ++found->count == 1 ? found : nullptr;
 }
 
 // Another library of this name, whose calls do not come through here.
 void tell_unchecked_library() noexcept {
+    Dl_info here{};
+    dladdr(&Lock::mutex, &here);
     std::FILE* const maps = std::fopen("/proc/self/maps", "re");
     char line[1000];
     while (maps != nullptr && std::fgets(line, sizeof line, maps) != nullptr) {
-        const char* const path = std::strchr(line, '/');
-        if (path != nullptr && std::strstr(path, "/libcsr_products.so") != nullptr &&
-            std::strstr(path, "/csr_products/libcsr_products.so") == nullptr) {
-            write_line("no call was checked: load libcsr_products.so.1 in place of {}",
-                       std::string_view(path, std::strcspn(path, "\n")));
+        const std::string_view text(line, std::strcspn(line, "\n"));
+        const std::string_view path = text.substr(std::min(text.find('/'), text.size()));
+        if (path.find("/libcsr_products.so") != path.npos && path != here.dli_fname) {
+            write_line("no call was checked: load libcsr_products.so.1 in place of {}", path);
             break;
         }
     }
@@ -119,7 +118,7 @@ void tell_unchecked_library() noexcept {
 void start_child() {
     forget_running();
     ++generation;
-    distinct = 0;
+    std::fill_n(written, std::exchange(distinct, 0), Written{});
     counts[0] = counts[1] = 0;
     calls = threads = 0;
     for (Entry* entry : entries) {
@@ -136,6 +135,9 @@ void start_child() {
     const int given = file == nullptr ? STDERR_FILENO : open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
     const int copy = fcntl(given, F_DUPFD_CLOEXEC, far);
     output = copy >= 0 ? copy : fcntl(given, F_DUPFD_CLOEXEC, STDERR_FILENO + 1); // not so many are permitted
+    if (file != nullptr) {
+        close(given);
+    }
     fstat(output, &output_file);
     traces = std::getenv("CSR_PRODUCTS_CHECK_TRACE") != nullptr;
     stops = std::getenv("CSR_PRODUCTS_CHECK_STOP") != nullptr;

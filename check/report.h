@@ -10,8 +10,6 @@ namespace csr_products::check {
 struct Lock {
     Lock() noexcept { pthread_mutex_lock(&mutex); }
     ~Lock() { pthread_mutex_unlock(&mutex); }
-    Lock(const Lock&) = delete;
-    Lock& operator=(const Lock&) = delete;
 
     static pthread_mutex_t mutex;
 };

@@ -23,7 +23,7 @@ void* load_library() noexcept {
     return dlopen(path.view().data(), RTLD_NOW | RTLD_LOCAL);
 }
 
-void trace(const Call& call, std::uint64_t number) noexcept {
+void trace(const Call& call) noexcept {
     Text<200> arguments("m = {}, k = {}, n = {}", call.m, call.k, call.n);
     if (call.form == Form::ThreadCount) {
         arguments = Text<200>("count = {}", call.threads);
@@ -32,7 +32,7 @@ void trace(const Call& call, std::uint64_t number) noexcept {
     } else if (call.form == Form::Matrix) {
         arguments.append(", ldb = {}, ldc = {}", call.dense.leading_dimension, call.output.leading_dimension);
     }
-    write_line("call {}: {}({}), called from {}", number, call.site.entry.name(), arguments.view(),
+    write_line("call {}: {}({}), called from {}", call.number, call.site.entry.name(), arguments.view(),
                place_of(call.site.caller).view());
 }
 
@@ -109,32 +109,31 @@ void* real_entry(Entry& entry) noexcept {
     return entry.real.load();
 }
 
-Watch::Watch(const Call& call) noexcept : call_(call), number_(count_call()) {
+void begin(Call& call) noexcept {
+    call.number = count_call();
     if (is_traced()) {
-        trace(call_, number_);
+        trace(call);
     }
     Findings found;
-    const bool is_right = check_arguments(call_, found);
-    if (is_right && call_.form == Form::SparseCsr) {
-        check_stage(call_, found);
-        leaves_structure_ = call_.stage != 2 || is_counted(call_.c);
+    if (check_arguments(call, found) && call.form == Form::SparseCsr) {
+        check_stage(call, found);
+        call.leaves_structure = call.stage != 2 || is_counted(call.c);
     }
-    slot_ = enter_running(call_, found);
-    report(call_, found);
-    start_ = nanoseconds_now();
+    call.slot = enter_running(call, found);
+    report(call, found);
+    call.start = nanoseconds_now();
 }
 
-Watch::~Watch() {
-    const std::uint64_t time = nanoseconds_now() - start_;
-    call_.site.entry.nanoseconds += time;
-    ++call_.site.entry.calls;
-    leave_running(slot_);
-    if (leaves_structure_) {
-        remember(call_);
+void end(const Call& call) noexcept {
+    const std::uint64_t time = nanoseconds_now() - call.start;
+    call.site.entry.nanoseconds += time;
+    ++call.site.entry.calls;
+    leave_running(call.slot);
+    if (call.leaves_structure) {
+        remember(call);
     }
     if (is_traced()) {
-        constexpr std::uint64_t million = 1000000;
-        write_line("call {}: {}.{:06} ms", number_, time / million, time % million);
+        write_line("call {}: {}.{:06} ms", call.number, time / 1000000, time % 1000000);
     }
 }
 

@@ -33,7 +33,8 @@
 /// call (`feholdexcept`, `fesetenv`).
 ///
 /// @section failure Failure
-/// The library reports nothing, by contract: no status, no exception, no message. An operand cannot be
+/// The library reports nothing, by contract: no status, no exception, no message. `csr-products-check` runs a
+/// program and says which of its calls break what stands here. An operand cannot be
 /// wrapped as an MKL handle when one of its dimensions is <= 0, or when its `col_ind` or `row_ptr` is null;
 /// MKL checks nothing else about it. Each group of functions describes what a failed wrap does to the
 /// output. After any other failure the output holds what MKL left there.

@@ -21,7 +21,6 @@ namespace {
 // Set when this library is loaded.
 int output = -1;
 struct stat output_file;
-bool traces = false;
 bool stops = false;
 std::uint64_t load_time = 0;
 
@@ -148,6 +147,7 @@ void start_child() {
 } // namespace
 
 pthread_mutex_t Lock::mutex = PTHREAD_MUTEX_INITIALIZER;
+bool traces = false;
 
 void write_text(std::string_view line) noexcept {
     struct stat now {};
@@ -165,10 +165,6 @@ std::uint64_t count_call() noexcept {
         ++threads;
     }
     return ++calls;
-}
-
-bool is_traced() noexcept {
-    return traces;
 }
 
 void report(const Call& call, const Findings& found) noexcept {

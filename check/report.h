@@ -25,8 +25,8 @@ void write_line(const char* format, const Values&... values) noexcept {
 // Counts a call and its thread. Returns the number of the call in the process.
 std::uint64_t count_call() noexcept;
 
-// Whether each call is written, and each complaint.
-bool is_traced() noexcept;
+// Whether each call is written, and each complaint. Set when this library is loaded.
+extern bool traces;
 
 // Writes each complaint when its place makes it for the first time, and counts the others. Ends the process at an
 // error if that was asked for.

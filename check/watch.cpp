@@ -111,7 +111,7 @@ void* real_entry(Entry& entry) noexcept {
 
 void begin(Call& call) noexcept {
     call.number = count_call();
-    if (is_traced()) {
+    if (traces) {
         trace(call);
     }
     Findings found;
@@ -132,7 +132,7 @@ void end(const Call& call) noexcept {
     if (call.leaves_structure) {
         remember(call);
     }
-    if (is_traced()) {
+    if (traces) {
         write_line("call {}: {}.{:06} ms", call.number, time / 1000000, time % 1000000);
     }
 }

@@ -186,10 +186,10 @@ bool check_shapes(const Call& call, Findings& found) noexcept {
     return fits;
 }
 
-// The output arrays of the CSR product, as far as this stage uses them.
+// The output arrays of the CSR product, as far as this stage uses them. A refresh writes the values alone.
 void check_csr_outputs(const Call& call, Findings& found) noexcept {
     const Sparse& c = call.c;
-    Int stored = Block{"", nullptr, call.m, call.n, call.m, false}.extent();
+    bool refreshes = false;
     if (call.stage == 2) {
         if (c.row_ptr != nullptr && (!check_row_pointer(c, found) || c.entries() == 0)) {
             return;
@@ -199,16 +199,17 @@ void check_csr_outputs(const Call& call, Findings& found) noexcept {
                         c.row_ptr == nullptr ? c.names->row_ptr : c.names->col_ind);
             return;
         }
-        stored = is_counted(c) ? stored : c.entries();
+        refreshes = !is_counted(c);
     }
+    const Int stored = refreshes ? c.entries() : Block{"", nullptr, call.m, call.n, call.m, false}.extent();
     for (const Block& output :
-         {array(c.names->val, c.val, stored, true), array(c.names->col_ind, c.col_ind, stored, true),
-          array(c.names->row_ptr, c.row_ptr, call.m + 1, true)}) {
+         {array(c.names->val, c.val, stored, true), array(c.names->col_ind, c.col_ind, stored, !refreshes),
+          array(c.names->row_ptr, c.row_ptr, call.m + 1, !refreshes)}) {
         if (output.data != nullptr && check_bounds(output, found)) {
             found.blocks.add(output);
         }
     }
-    if (call.stage == 2 && !found.has_errors && !is_counted(c)) {
+    if (refreshes && !found.has_errors) {
         check_columns(c, found);
     }
 }

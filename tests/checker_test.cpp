@@ -355,6 +355,21 @@ const Row silent[] = {
          h.c_row_ptr = count.c_row_ptr, h.csr(2);
          h.c_val = Doubles(), h.csr(2);
      }},
+    {"", // two refreshes at the same time, of one structure
+     [](Host& h) {
+         h.csr();
+         h.stage = 2;
+         const auto refresh = [&h](double* c_val) {
+             for (int i = 0; i < 1000; ++i) {
+                 multiply_csr_in_c(2, 3, 4, 2, h.val.data(), h.col_ind.data(), h.row_ptr.data(), h.b_val.data(),
+                                   h.b_col_ind.data(), h.b_row_ptr.data(), 0, c_val, h.c_col_ind.data(),
+                                   h.c_row_ptr.data(), nullptr);
+             }
+         };
+         std::thread other(refresh, h.y.data());
+         refresh(h.c_val.data());
+         other.join();
+     }},
     {"", // a product without entries
      [](Host& h) {
          h.row_ptr = {1, 2, 2, 2}, h.col_ind[0] = 3, h.csr();

@@ -168,6 +168,10 @@ std::uint64_t count_call() noexcept {
 }
 
 void report(const Call& call, const Findings& found) noexcept {
+    if (stops && found.has_errors) {
+        static pthread_mutex_t last = PTHREAD_MUTEX_INITIALIZER;
+        pthread_mutex_lock(&last); // one thread ends the process, after its line
+    }
     for (const Complaint& complaint : found) {
         Written* const entered = enter(call, complaint);
         if (entered == nullptr && !traces) {

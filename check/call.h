@@ -15,7 +15,7 @@ constexpr std::uint64_t as_unsigned(Int value) noexcept {
 
 constexpr Int most_elements = std::numeric_limits<Int>::max();
 
-enum Property : unsigned { General = 0, Symmetric = 1, Transposed = 2, Accumulates = 4, NamedSum = 8 };
+enum Property : unsigned { General = 0, Symmetric = 1, Transposed = 2, Accumulates = 4, NamedSum = 8, Long = 16 };
 
 // One of the thirteen functions, and what was counted of it.
 struct Entry {

@@ -271,7 +271,7 @@ void note_meaning(const Call& call, Findings& found) noexcept {
 } // namespace
 
 bool is_counted(const Sparse& c) noexcept {
-    return c.entries() > 0 && accessible(array("", c.col_ind, 1)) == 1 && c.col_ind[0] == 0;
+    return accessible(array("", c.col_ind, 1)) == 1 && c.col_ind[0] == 0;
 }
 
 bool overlap(const Block& one, const Block& other) noexcept {

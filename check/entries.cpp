@@ -8,9 +8,9 @@ using namespace csr_products::check;
 namespace {
 
 Entry matrix_G{"_Z22spgmatgmat_mkl_G_int64PdPlS0_S_lllS_"};
-Entry matrix_G_long{"_Z22spgmatgmat_mkl_G_int64PdPlS0_S_llllS_l"};
+Entry matrix_G_long{"_Z22spgmatgmat_mkl_G_int64PdPlS0_S_llllS_l", Long};
 Entry matrix_S{"_Z22spgmatgmat_mkl_S_int64PdPlS0_S_lllS_", Symmetric};
-Entry matrix_S_long{"_Z22spgmatgmat_mkl_S_int64PdPlS0_S_llllS_l", Symmetric};
+Entry matrix_S_long{"_Z22spgmatgmat_mkl_S_int64PdPlS0_S_llllS_l", Symmetric | Long};
 Entry matrix_sum_G{"_Z25spgmatgmatsum_mkl_G_int64PdPlS0_S_llllS_l", Accumulates};
 Entry matrix_sum_S{"_Z25spgmatgmatsum_mkl_S_int64PdPlS0_S_llllS_l", Symmetric | NamedSum};
 Entry transposed_G{"_Z24spgmattrgmat_mkl_G_int64PdPlS0_S_lllS_", Transposed};

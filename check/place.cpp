@@ -86,7 +86,8 @@ Place place_of(const void* return_address) noexcept {
     if (const char* const symbol = found.function != nullptr ? found.function : module.dli_sname; symbol != nullptr) {
         int status = 0;
         char* const name = abi::__cxa_demangle(symbol, nullptr, nullptr, &status);
-        place.append(" in {}", name != nullptr ? without_parameters(name) : symbol);
+        const std::string_view text = name != nullptr ? without_parameters(name) : symbol;
+        place.append(" in {:.100}{}", text, text.size() > 100 ? "..." : "");
         std::free(name); // NOLINT(*-no-malloc): the demangler's
     }
     return place;

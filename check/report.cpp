@@ -103,9 +103,9 @@ void tell_unchecked_library() noexcept {
         const std::uint64_t count = entry->calls.load();
         const std::uint64_t time = entry->nanoseconds.load();
         if (count > 0) { // no floating-point arithmetic: the host may trap it
-            write_line("{:>10} {:>7}.{:03} {:>7}.{:03} {:>5} %  {}", count, time / million / 1000,
+            write_line("{:>10} {:>7}.{:03} {:>7}.{:03} {:>5} %  {}{}", count, time / million / 1000,
                        time / million % 1000, time / count / million, time / count / 1000 % 1000, time * 100 / run,
-                       entry->name());
+                       entry->name(), (entry->properties & Long) != 0 ? " (long form)" : "");
         }
     }
     if (const std::uint64_t times = repeated_structures(); times > 0) {

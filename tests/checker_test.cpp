@@ -5,6 +5,7 @@
 
 #include <cfenv>
 #include <fstream>
+#include <numeric>
 #include <regex>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -49,10 +50,11 @@ struct Host {
         spgmatgmatsum_mkl_S_int64(val.data(), col_ind.data(), row_ptr.data(), x.data(), ldb, m, k, n, y.data(), ldc);
     }
     void dense() { multiply_dense(m, k, n, a(), b(), y.data()); }
-    void csr() {
+    void csr_into(double* values) {
         multiply_csr_in_c(stage, m, k, n, val.data(), col_ind.data(), row_ptr.data(), b_val.data(), b_col_ind.data(),
-                          b_row_ptr.data(), 0, c_val.data(), c_col_ind.data(), c_row_ptr.data(), nullptr);
+                          b_row_ptr.data(), 0, values, c_col_ind.data(), c_row_ptr.data(), nullptr);
     }
+    void csr() { csr_into(c_val.data()); }
     void csr(Int at_stage) {
         stage = at_stage;
         csr();
@@ -156,6 +158,16 @@ const Row operand_errors[] = {
     {"spgmatgvec_mkl_G_int64: col_ind: column 3 stands twice in row 1", [](Host& h) { h.col_ind[0] = 3, h.vector(); }},
     {"spgmatgvec_mkl_G_int64: col_ind: column 2 stands twice in row 3",
      [](Host& h) { h.val.resize(7), h.row_ptr[3] = 8, h.col_ind = {3, 1, 2, 2, 4, 1, 2}, h.vector(); }},
+    {"spgmatgvec_mkl_G_int64: col_ind: column 66 stands twice in row 65", // a diagonal, with an entry too many
+     [](Host& h) {
+         h.m = h.k = 200;
+         h.row_ptr.resize(201), h.val.resize(201), h.x.resize(200), h.y.resize(200);
+         std::iota(h.row_ptr.begin(), h.row_ptr.end(), 1);
+         h.col_ind = h.row_ptr;
+         std::for_each(h.row_ptr.begin() + 65, h.row_ptr.end(), [](Int& start) { ++start; });
+         h.col_ind[64] = 66;
+         h.vector();
+     }},
 };
 
 const Row refusal_errors[] = {
@@ -206,6 +218,8 @@ const Row array_errors[] = {
     {"spgmatgvec_mkl_G_int64: y overlaps x", [](Host& h) { h.vector(h.x.data(), h.x.data() + 3); }},
     {"spgmatgmat_mkl_G_int64: c overlaps b",
      [](Host& h) { h.ldb = h.ldc = 6, h.y.resize(16), h.matrix(h.y.data(), h.y.data() + 3); }},
+    {"spgmatspgmattr_mkl_int64_new: c_val overlaps c_col_ind",
+     [](Host& h) { h.csr_into(reinterpret_cast<double*>(&h.c_col_ind[5])); }},
     {"spgmatgvec_mkl_G_int64: y overlaps val", [](Host& h) { h.vector(h.x.data(), h.val.data()); }},
 };
 
@@ -328,6 +342,11 @@ const Row silent[] = {
     {"", [](Host& h) { h.vector(h.x.data(), h.x.data() + 4); }}, // x and y touch
     {"",
      [](Host& h) { h.ldb = h.ldc = 7, h.y.resize(14), h.matrix(h.y.data(), h.y.data() + 4); }}, // panels of an array
+    {"", // val between the two columns of C
+     [](Host& h) {
+         h.row_ptr[3] = 5;
+         spgmatgmat_mkl_G_int64(&h.y[3], h.col_ind.data(), h.row_ptr.data(), h.x.data(), 4, 3, 4, 2, h.y.data(), 7);
+     }},
     {"", [](Host& h) { h.ldc = 5, h.matrix(h.x.data(), before_the_end<double>(8)); }}, // no end of the last column
     {"", [](Host& h) { h.vector(before_the_end<double>(4), before_the_end<double>(3)); }},
     {"", [](Host& h) { h.n = 1, h.transposed(); }}, // a rectangular A and one column
@@ -359,11 +378,9 @@ const Row silent[] = {
      [](Host& h) {
          h.csr();
          h.stage = 2;
-         const auto refresh = [&h](double* c_val) {
+         const auto refresh = [&h](double* values) {
              for (int i = 0; i < 1000; ++i) {
-                 multiply_csr_in_c(2, 3, 4, 2, h.val.data(), h.col_ind.data(), h.row_ptr.data(), h.b_val.data(),
-                                   h.b_col_ind.data(), h.b_row_ptr.data(), 0, c_val, h.c_col_ind.data(),
-                                   h.c_row_ptr.data(), nullptr);
+                 h.csr_into(values);
              }
          };
          std::thread other(refresh, h.y.data());

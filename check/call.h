@@ -67,6 +67,16 @@ inline Block array(const char* name, const void* data, Int elements, bool writte
     return {name, data, elements, 1, elements, written};
 }
 
+// The arrays of a call that are there as a whole: at most those of A, B and C.
+struct Blocks {
+    Block blocks[9];
+    int count = 0;
+
+    void add(const Block& block) noexcept { blocks[count++] = block; }
+    const Block* begin() const noexcept { return blocks; }
+    const Block* end() const noexcept { return blocks + count; }
+};
+
 struct SparseNames {
     const char* matrix;
     const char* val;
@@ -107,9 +117,10 @@ struct Call {
     Int stage = 0;  // of the CSR product
     int threads = 0;
 
+    Blocks blocks{};
     std::uint64_t number = 0; // in the process
     std::uint64_t start = 0;  // nanoseconds
-    int slot = -1;            // among the running calls
+    Call* next = nullptr;     // among the running calls
     bool leaves_structure = false;
 
     bool has(Property property) const noexcept { return (site.entry.properties & property) != 0; }

@@ -132,7 +132,7 @@ bool check_columns(const Sparse& matrix, Findings& found) noexcept {
 }
 
 // Whether A or B is a matrix that the library can take.
-bool check_operand(const Call& call, const Sparse& matrix, Findings& found) noexcept {
+bool check_operand(Call& call, const Sparse& matrix, Findings& found) noexcept {
     const SparseNames& names = *matrix.names;
     if (matrix.row_ptr == nullptr || (matrix.col_ind == nullptr && matrix.val != nullptr)) {
         const char* const name = matrix.row_ptr == nullptr ? names.row_ptr : names.col_ind;
@@ -157,9 +157,9 @@ bool check_operand(const Call& call, const Sparse& matrix, Findings& found) noex
             found.note("{} is null; give a matrix without entries one element", names.val);
         }
         if (check_bounds(val, found) && check_bounds(col_ind, found) && check_columns(matrix, found)) {
-            found.blocks.add(val);
-            found.blocks.add(col_ind);
-            found.blocks.add(array(names.row_ptr, matrix.row_ptr, matrix.rows + 1));
+            call.blocks.add(val);
+            call.blocks.add(col_ind);
+            call.blocks.add(array(names.row_ptr, matrix.row_ptr, matrix.rows + 1));
             return true;
         }
     }
@@ -187,7 +187,7 @@ bool check_shapes(const Call& call, Findings& found) noexcept {
 }
 
 // The output arrays of the CSR product, as far as this stage uses them. A refresh writes the values alone.
-void check_csr_outputs(const Call& call, Findings& found) noexcept {
+void check_csr_outputs(Call& call, Findings& found) noexcept {
     const Sparse& c = call.c;
     bool refreshes = false;
     if (call.stage == 2) {
@@ -206,7 +206,7 @@ void check_csr_outputs(const Call& call, Findings& found) noexcept {
          {array(c.names->val, c.val, stored, true), array(c.names->col_ind, c.col_ind, stored, !refreshes),
           array(c.names->row_ptr, c.row_ptr, call.m + 1, !refreshes)}) {
         if (output.data != nullptr && check_bounds(output, found)) {
-            found.blocks.add(output);
+            call.blocks.add(output);
         }
     }
     if (refreshes && !found.has_errors) {
@@ -214,9 +214,9 @@ void check_csr_outputs(const Call& call, Findings& found) noexcept {
     }
 }
 
-void check_overlaps(Findings& found) noexcept {
-    for (const Block& output : found.blocks) {
-        for (const Block& other : found.blocks) {
+void check_overlaps(const Call& call, Findings& found) noexcept {
+    for (const Block& output : call.blocks) {
+        for (const Block& other : call.blocks) {
             const bool is_known = other.written && &other <= &output;
             if (output.written && !is_known && overlap(output, other)) {
                 found.error("{} overlaps {}", output.name, other.name);
@@ -294,7 +294,7 @@ bool overlap(const Block& one, const Block& other) noexcept {
     return false;
 }
 
-bool check_arguments(const Call& call, Findings& found) noexcept {
+bool check_arguments(Call& call, Findings& found) noexcept {
     if (call.form == Form::ThreadCount) {
         if (call.threads <= 0) {
             found.note("count = {}: the thread count stays as it was", call.threads);
@@ -320,14 +320,14 @@ bool check_arguments(const Call& call, Findings& found) noexcept {
     } else if (check_shapes(call, found)) {
         for (const Block& block : {call.dense, call.output}) {
             if (block.rows > 0 && check_bounds(block, found)) {
-                found.blocks.add(block);
+                call.blocks.add(block);
             }
         }
         if (!found.has_errors && !is_on_valgrind()) { // which would report values that need not be defined
             note_meaning(call, found);
         }
     }
-    check_overlaps(found);
+    check_overlaps(call, found);
     return !found.has_errors;
 }
 

@@ -13,16 +13,6 @@ struct Complaint {
     Text<200> text;
 };
 
-// The arrays of a call that are there as a whole: at most those of A, B and C.
-struct Blocks {
-    Block blocks[9];
-    int count = 0;
-
-    void add(const Block& block) noexcept { blocks[count++] = block; }
-    const Block* begin() const noexcept { return blocks; }
-    const Block* end() const noexcept { return blocks + count; }
-};
-
 // What the checks of one call found.
 class Findings {
 public:
@@ -42,7 +32,6 @@ public:
     const Complaint* end() const noexcept { return complaints_ + count_; }
 
     bool has_errors = false;
-    Blocks blocks;
 
 private:
     template <class... Values>

@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <dlfcn.h>
+#include <utility>
 
 namespace csr_products::check {
 namespace {
@@ -36,22 +37,15 @@ void trace(const Call& call) noexcept {
                place_of(call.site.caller).view());
 }
 
-// The calls that run now.
-struct Running {
-    const Call* call; // null: free
-    Blocks blocks;
-};
+Call* running = nullptr; // the first of the calls that run now
 
-Running running[256];
-int used = 0; // slots behind are free
-
-// Compares the blocks with those of a call on another thread.
-void compare(Findings& found, const Running& other) noexcept {
-    for (const Block& mine : found.blocks) {
+// Compares the arrays with those of a call on another thread.
+void compare(const Call& call, const Call& other, Findings& found) noexcept {
+    for (const Block& mine : call.blocks) {
         for (const Block& theirs : other.blocks) {
             if ((mine.written || theirs.written) && overlap(mine, theirs)) {
                 found.error("{} is {} while {} on another thread {} it as its {}", mine.name,
-                            mine.written ? "written" : "read", other.call->site.entry.name(),
+                            mine.written ? "written" : "read", other.site.entry.name(),
                             theirs.written ? "writes" : "reads", theirs.name);
                 return;
             }
@@ -59,40 +53,34 @@ void compare(Findings& found, const Running& other) noexcept {
     }
 }
 
-// Compares the call with all that run, and enters it. Returns its slot, or -1 if none is free.
-int enter_running(const Call& call, Findings& found) noexcept {
+// Compares the call with all that run, and enters it.
+void enter_running(Call& call, Findings& found) noexcept {
     const Lock lock;
-    int slot = used < static_cast<int>(std::size(running)) ? used : -1;
-    for (int i = 0; i < used; ++i) {
-        const Running& other = running[i];
-        if (other.call == nullptr) {
-            slot = i;
-        } else if (call.form != Form::ThreadCount) {
-            compare(found, other);
-        } else if (other.call->is_sparse_by_sparse()) {
-            found.error("the thread count is set while {} runs on another thread", other.call->site.entry.name());
+    for (const Call* other = running; other != nullptr; other = other->next) {
+        if (call.form != Form::ThreadCount) {
+            compare(call, *other, found);
+        } else if (other->is_sparse_by_sparse()) {
+            found.error("the thread count is set while {} runs on another thread", other->site.entry.name());
         }
     }
-    if (slot >= 0) {
-        running[slot] = {&call, found.blocks};
-        used = std::max(used, slot + 1);
-    }
-    return slot;
+    call.next = std::exchange(running, &call);
 }
 
-void leave_running(int slot) noexcept {
+void leave_running(const Call& call) noexcept {
     const Lock lock;
-    if (slot >= 0) {
-        running[slot].call = nullptr;
+    Call** link = &running;
+    while (*link != nullptr && *link != &call) {
+        link = &(*link)->next;
     }
-    for (; used > 0 && running[used - 1].call == nullptr; --used) {
+    if (*link != nullptr) {
+        *link = call.next;
     }
 }
 
 } // namespace
 
 void forget_running() noexcept {
-    used = 0;
+    running = nullptr;
 }
 
 void* real_entry(Entry& entry) noexcept {
@@ -119,7 +107,7 @@ void begin(Call& call) noexcept {
         check_stage(call, found);
         call.leaves_structure = call.stage != 2 || is_counted(call.c);
     }
-    call.slot = enter_running(call, found);
+    enter_running(call, found);
     report(call, found);
     call.start = nanoseconds_now();
 }
@@ -128,7 +116,7 @@ void end(const Call& call) noexcept {
     const std::uint64_t time = nanoseconds_now() - call.start;
     call.site.entry.nanoseconds += time;
     ++call.site.entry.calls;
-    leave_running(call.slot);
+    leave_running(call);
     if (call.leaves_structure) {
         remember(call);
     }

@@ -66,13 +66,12 @@ Int accessible(const Block& block) noexcept {
     }
     const Int count = std::min(block.extent(), static_cast<Int>((address_space - first) / element_size));
     const std::size_t bytes = static_cast<std::size_t>(count) * element_size;
-    std::uintptr_t bad = 0;
-    if (is_on_valgrind()) {
-        bad = VALGRIND_CHECK_MEM_IS_ADDRESSABLE(block.data, bytes);
-    } else if (const Int readable = accessible_by_pages(first, count);
-               readable < count || __asan_region_is_poisoned == nullptr) {
+    // Memcheck first: it reports what the system is asked to read. Other tools of valgrind do not know.
+    std::uintptr_t bad = is_on_valgrind() ? VALGRIND_CHECK_MEM_IS_ADDRESSABLE(block.data, bytes) : 0;
+    if (const Int readable = bad == 0 ? accessible_by_pages(first, count) : count; readable < count) {
         return readable;
-    } else {
+    }
+    if (__asan_region_is_poisoned != nullptr) {
         bad = reinterpret_cast<std::uintptr_t>(__asan_region_is_poisoned(const_cast<void*>(block.data), bytes));
     }
     return bad == 0 ? count : static_cast<Int>((bad - first) / element_size);

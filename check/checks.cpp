@@ -15,9 +15,9 @@ namespace {
 // What the library does to the output when it cannot wrap A: a product of a dense matrix or a vector clears m*k
 // elements, modulo 2^64, and the others do nothing.
 Text<100> refusal(const Call& call) noexcept {
-    const auto cleared = static_cast<Int>(static_cast<std::uint64_t>(call.m) * static_cast<std::uint64_t>(call.k));
+    const auto cleared = static_cast<Int>(as_unsigned(call.m) * as_unsigned(call.k));
     const char* const output = call.output.name;
-    if (call.is_sparse_by_sparse() || call.n < 0 || cleared <= 0) {
+    if (call.is_sparse_by_sparse() || cleared <= 0) {
         return Text<100>("{} is left as it was", output);
     }
     Text<100> text("{} elements of {} are set to 0", cleared, output);
@@ -27,19 +27,23 @@ Text<100> refusal(const Call& call) noexcept {
     return text;
 }
 
-// Whether anything is computed with these dimensions.
+// Whether anything is computed with these dimensions, or the pointers of A must be looked at first: where A cannot be
+// wrapped, n has no effect.
 bool check_dimensions(const Call& call, Findings& found) noexcept {
-    for (const auto& [name, value] : {std::pair{"m", call.m}, {"k", call.k}, {"n", call.n}}) {
+    for (const auto& [name, value] : {std::pair{"m", call.m}, {"k", call.k}}) {
         if (value < 0) {
             return found.error("{} = {} is negative, so {}", name, value, refusal(call).view());
         }
     }
-    if (call.m == 0 || call.n == 0) {
+    const bool is_wrapped = call.k > 0 && call.a.row_ptr != nullptr && call.a.col_ind != nullptr;
+    if (call.m == 0 || (call.n == 0 && (is_wrapped || call.k == 0))) {
         found.note("{} = 0: nothing is computed", call.m == 0 ? "m" : "n");
+    } else if (call.n < 0 && (is_wrapped || call.k == 0)) {
+        found.error("n = {} is negative, so {} is left as it was", call.n, call.output.name);
     } else if (call.k == 0 && !call.has(Accumulates)) {
         found.error("k = 0: {} is left as it was, not set to 0", call.output.name);
     }
-    return call.m > 0 && call.k > 0 && call.n > 0;
+    return call.m > 0 && call.k > 0 && (call.n > 0 || !is_wrapped);
 }
 
 // Whether the array is there as a whole.
@@ -201,7 +205,7 @@ void check_csr_outputs(Call& call, Findings& found) noexcept {
         }
         refreshes = !is_counted(c);
     }
-    const Int stored = refreshes ? c.entries() : Block{"", nullptr, call.m, call.n, call.m, false}.extent();
+    const Int stored = refreshes ? c.entries() : call.output.extent();
     for (const Block& output :
          {array(c.names->val, c.val, stored, true), array(c.names->col_ind, c.col_ind, stored, !refreshes),
           array(c.names->row_ptr, c.row_ptr, call.m + 1, !refreshes)}) {
@@ -271,7 +275,7 @@ void note_meaning(const Call& call, Findings& found) noexcept {
 } // namespace
 
 bool is_counted(const Sparse& c) noexcept {
-    return accessible(array("", c.col_ind, 1)) == 1 && c.col_ind[0] == 0;
+    return c.entries() > 0 && accessible(array("", c.col_ind, 1)) == 1 && c.col_ind[0] == 0;
 }
 
 bool overlap(const Block& one, const Block& other) noexcept {

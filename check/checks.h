@@ -11,7 +11,7 @@ bool check_arguments(Call& call, Findings& found) noexcept;
 // Whether an element is in both.
 bool overlap(const Block& one, const Block& other) noexcept;
 
-// Whether C, which has entries, is what a count leaves. By this the library tells its finish from a refresh.
+// Whether C is what a count leaves. By this the library tells its finish from a refresh.
 bool is_counted(const Sparse& c) noexcept;
 
 } // namespace csr_products::check

@@ -14,6 +14,6 @@ void check_stage(const Call& call, Findings& found) noexcept;
 void remember(const Call& call) noexcept;
 
 // How often a product computed a structure that C had held already.
-std::uint64_t repeated_structures() noexcept;
+extern std::atomic<std::uint64_t> repeated_structures;
 
 } // namespace csr_products::check

@@ -1,8 +1,10 @@
 #include "place.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cxxabi.h>
 #include <dlfcn.h>
+#include <link.h>
 #ifdef CSR_PRODUCTS_HAS_BACKTRACE
 #include <backtrace.h>
 #endif
@@ -10,7 +12,7 @@
 namespace csr_products::check {
 namespace {
 
-// As far as it is known. The texts belong to the modules and to the debug information, which stay.
+// As far as it is known. The texts belong to the debug information, which stays.
 struct Found {
     const char* file = nullptr;
     int line = 0;
@@ -31,15 +33,33 @@ void take_symbol(void* found, std::uintptr_t /*pc*/, const char* name, std::uint
 
 void ignore_error(void* /*found*/, const char* /*message*/, int /*number*/) {}
 
+// How often modules were loaded and unloaded.
+unsigned long long module_changes() noexcept {
+    unsigned long long changes = 0;
+    const auto take = [](dl_phdr_info* info, std::size_t /*size*/, void* to) {
+        *static_cast<unsigned long long*>(to) = info->dlpi_adds + info->dlpi_subs;
+        return 1;
+    };
+    dl_iterate_phdr(take, &changes);
+    return changes;
+}
+
+// A state knows the modules of the moment when it was made, which takes a tenth of a second. An old one stays: another
+// thread may use it.
 Found look_up(std::uintptr_t pc) noexcept {
-    // It knows the modules that are loaded now, and takes a tenth of a second.
-    static backtrace_state* const state = backtrace_create_state(nullptr, 1, ignore_error, nullptr);
-    Found found;
-    if (state != nullptr) {
-        backtrace_pcinfo(state, pc, take_line, ignore_error, &found);
+    static std::atomic<unsigned long long> known_changes{0};
+    static std::atomic<backtrace_state*> state{nullptr};
+    const unsigned long long changes = module_changes();
+    if (known_changes.exchange(changes) != changes) {
+        state.store(backtrace_create_state(nullptr, 1, ignore_error, nullptr));
     }
-    if (state != nullptr && found.function == nullptr) {
-        backtrace_syminfo(state, pc, take_symbol, ignore_error, &found);
+    Found found;
+    backtrace_state* const known = state.load();
+    if (known != nullptr) {
+        backtrace_pcinfo(known, pc, take_line, ignore_error, &found);
+    }
+    if (known != nullptr && found.function == nullptr) {
+        backtrace_syminfo(known, pc, take_symbol, ignore_error, &found);
     }
     return found;
 }
@@ -84,9 +104,12 @@ Place place_of(const void* return_address) noexcept {
         place.append("{:#x}", pc);
     }
     if (const char* const symbol = found.function != nullptr ? found.function : module.dli_sname; symbol != nullptr) {
+        constexpr std::size_t most = 200; // the demangler takes 72 bytes of stack for each letter
+        const std::string_view mangled(symbol);
+        const bool is_cpp = mangled.substr(0, 2) == "_Z" && mangled.size() < most;
         int status = 0;
-        char* const name = abi::__cxa_demangle(symbol, nullptr, nullptr, &status);
-        const std::string_view text = name != nullptr ? without_parameters(name) : symbol;
+        char* const name = is_cpp ? abi::__cxa_demangle(symbol, nullptr, nullptr, &status) : nullptr;
+        const std::string_view text = name != nullptr ? without_parameters(name) : mangled;
         place.append(" in {:.100}{}", text, text.size() > 100 ? "..." : "");
         std::free(name); // NOLINT(*-no-malloc): the demangler's
     }

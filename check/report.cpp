@@ -5,12 +5,15 @@
 #include "place.h"
 #include "watch.h"
 
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -33,7 +36,8 @@ std::atomic<unsigned> generation{1}; // one more in the child of each fork
 struct Written {
     std::uint64_t key;
     std::uint64_t count;
-    Text<500> line;
+    std::size_t size;
+    char line[500];
 };
 
 Written written[512];
@@ -42,7 +46,10 @@ std::uint64_t counts[2]; // errors and notes
 
 std::uint64_t key_of(const Call& call, const Complaint& complaint) noexcept {
     auto key = reinterpret_cast<std::uintptr_t>(call.site.caller);
-    for (const std::string_view part : {call.site.entry.name(), complaint.text.view()}) {
+    Dl_info module{}; // another may have been at the same address before
+    dladdr(call.site.caller, &module);
+    for (const std::string_view part : {std::string_view(module.dli_fname != nullptr ? module.dli_fname : ""),
+                                        call.site.entry.name(), complaint.text.view()}) {
         for (const char letter : part) {
             key = letter >= '0' && letter <= '9' ? key : (key ^ static_cast<unsigned char>(letter)) * 0x100000001B3;
         }
@@ -87,13 +94,17 @@ void tell_unchecked_library() noexcept {
 [[gnu::destructor]] void summarise() {
     const std::uint64_t all = calls.load();
     if (all == 0) {
-        tell_unchecked_library();
+        const auto is_loaded = [](const Entry* entry) { return entry->real.load() != nullptr; }; // by a parent
+        if (std::none_of(std::begin(entries), std::end(entries), is_loaded)) {
+            tell_unchecked_library();
+        }
         return;
     }
+    const Lock lock;
     write_line("calls: {}, threads: {}, errors: {}, notes: {}", all, threads.load(), counts[0], counts[1]);
     for (std::size_t i = 0; i < distinct; ++i) {
         if (written[i].count > 1) {
-            write_line("{} times: {}", written[i].count, written[i].line.view());
+            write_line("{} times: {}", written[i].count, std::string_view(written[i].line, written[i].size));
         }
     }
     constexpr std::uint64_t million = 1000000;
@@ -108,7 +119,7 @@ void tell_unchecked_library() noexcept {
                        entry->name(), (entry->properties & Long) != 0 ? " (long form)" : "");
         }
     }
-    if (const std::uint64_t times = repeated_structures(); times > 0) {
+    if (const std::uint64_t times = repeated_structures.load(); times > 0) {
         write_line("{} times a sparse product computed a structure that C held once: stage 2 refreshes it", times);
     }
 }
@@ -119,7 +130,8 @@ void start_child() {
     ++generation;
     std::fill_n(written, std::exchange(distinct, 0), Written{});
     counts[0] = counts[1] = 0;
-    calls = threads = 0;
+    calls = threads = repeated_structures = 0;
+    load_time = nanoseconds_now();
     for (Entry* entry : entries) {
         entry->calls = entry->nanoseconds = 0;
     }
@@ -129,11 +141,11 @@ void start_child() {
 // A host may close its standard error, and a file of its own then gets the number: lines go to a copy with a number
 // far away. Programs that this one starts do not get the copy.
 [[gnu::constructor]] void start() {
-    constexpr int far = 900;
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
     const char* const file = std::getenv("CSR_PRODUCTS_CHECK_OUTPUT");
     const int given = file == nullptr ? STDERR_FILENO : open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
-    const int copy = fcntl(given, F_DUPFD_CLOEXEC, far);
-    output = copy >= 0 ? copy : fcntl(given, F_DUPFD_CLOEXEC, STDERR_FILENO + 1); // not so many are permitted
+    output = fcntl(given, F_DUPFD_CLOEXEC, std::min<rlim_t>(limit.rlim_cur - limit.rlim_cur / 8, 900));
     if (file != nullptr) {
         close(given);
     }
@@ -150,12 +162,28 @@ pthread_mutex_t Lock::mutex = PTHREAD_MUTEX_INITIALIZER;
 bool traces = false;
 
 void write_text(std::string_view line) noexcept {
-    struct stat now {};
-    if (fstat(output, &now) != 0 || now.st_dev != output_file.st_dev || now.st_ino != output_file.st_ino) {
-        return; // the host has closed this too
-    }
     const Text<900> text("csr_products[{}]: {}\n", getpid(), line);
-    [[maybe_unused]] const ssize_t size = write(output, text.view().data(), text.view().size());
+    sigset_t pipe;
+    sigset_t before;
+    sigset_t pending;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    sigpending(&pending);
+    pthread_sigmask(SIG_BLOCK, &pipe, &before);        // a reader that has gone is not the host's fault
+    for (const int number : {output, STDERR_FILENO}) { // the host may have closed one of them, or both
+        struct stat file {};
+        const bool is_same =
+            fstat(number, &file) == 0 && file.st_dev == output_file.st_dev && file.st_ino == output_file.st_ino;
+        if (is_same && write(number, text.view().data(), text.view().size()) < 0 && errno == EPIPE &&
+            sigismember(&pending, SIGPIPE) == 0) {
+            const timespec no_time{};
+            sigtimedwait(&pipe, nullptr, &no_time);
+        }
+        if (is_same) {
+            break;
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 std::uint64_t count_call() noexcept {
@@ -180,7 +208,8 @@ void report(const Call& call, const Findings& found) noexcept {
         const Text<500> line("{}: {}: {}, called from {}", complaint.severity == Severity::Error ? "error" : "note",
                              call.site.entry.name(), complaint.text.view(), place_of(call.site.caller).view());
         if (entered != nullptr) {
-            entered->line = line;
+            const Lock lock;
+            entered->size = line.view().copy(entered->line, sizeof entered->line);
         }
         write_text(line.view());
     }

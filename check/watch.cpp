@@ -11,16 +11,15 @@
 namespace csr_products::check {
 namespace {
 
-std::atomic<void*> library{nullptr};
+Call* running = nullptr; // the first of the calls that run now
 
 // The library in the folder above this one. The first call loads it, so that programs that never call do not start
 // MKL.
 void* load_library() noexcept {
     Dl_info here{};
-    dladdr(&library, &here);
+    dladdr(&running, &here);
     const std::string_view own = here.dli_fname;
-    Text<4096> path("{}/../libcsr_products.so.1", own.substr(0, own.find_last_of('/')));
-    path.append("{}", '\0');
+    const Text<4096> path("{}/../libcsr_products.so.1{}", own.substr(0, own.find_last_of('/')), '\0');
     return dlopen(path.view().data(), RTLD_NOW | RTLD_LOCAL);
 }
 
@@ -36,8 +35,6 @@ void trace(const Call& call) noexcept {
     write_line("call {}: {}({}), called from {}", call.number, call.site.entry.name(), arguments.view(),
                place_of(call.site.caller).view());
 }
-
-Call* running = nullptr; // the first of the calls that run now
 
 // Compares the arrays with those of a call on another thread.
 void compare(const Call& call, const Call& other, Findings& found) noexcept {
@@ -57,11 +54,11 @@ void compare(const Call& call, const Call& other, Findings& found) noexcept {
 void enter_running(Call& call, Findings& found) noexcept {
     const Lock lock;
     for (const Call* other = running; other != nullptr; other = other->next) {
-        if (call.form != Form::ThreadCount) {
-            compare(call, *other, found);
-        } else if (other->is_sparse_by_sparse()) {
-            found.error("the thread count is set while {} runs on another thread", other->site.entry.name());
+        const bool sets_count = call.form == Form::ThreadCount && other->is_sparse_by_sparse();
+        if (sets_count || (call.is_sparse_by_sparse() && other->form == Form::ThreadCount)) {
+            found.error("the thread count is set while a sparse-by-sparse product runs on another thread");
         }
+        compare(call, *other, found);
     }
     call.next = std::exchange(running, &call);
 }
@@ -84,17 +81,17 @@ void forget_running() noexcept {
 }
 
 void* real_entry(Entry& entry) noexcept {
-    if (library.load() == nullptr) {
-        library.store(load_library());
+    void* real = entry.real.load();
+    if (real == nullptr) {
+        void* const library = load_library();
+        real = library == nullptr ? nullptr : dlsym(library, entry.symbol);
     }
-    if (entry.real.load() == nullptr && library.load() != nullptr) {
-        entry.real.store(dlsym(library.load(), entry.symbol));
-    }
-    if (entry.real.load() == nullptr) {
+    if (real == nullptr) {
         write_line("{}", dlerror());
         std::_Exit(127);
     }
-    return entry.real.load();
+    entry.real.store(real);
+    return real;
 }
 
 void begin(Call& call) noexcept {

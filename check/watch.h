@@ -2,6 +2,8 @@
 
 #include "history.h"
 
+#include <pthread.h>
+
 namespace csr_products::check {
 
 extern Entry* const entries[13];
@@ -20,9 +22,12 @@ template <class... Arguments>
 void watch(Site site, Arguments... arguments) noexcept {
     const auto real = reinterpret_cast<void (*)(Arguments...)>(real_entry(site.entry));
     Call call = describe(site, arguments...);
+    int cancellation = 0; // a thread that is cancelled in here would leave its call among the running ones
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellation);
     begin(call);
     real(arguments...);
     end(call);
+    pthread_setcancelstate(cancellation, nullptr);
 }
 
 } // namespace csr_products::check

@@ -3,6 +3,7 @@
 
 #include "entries.h"
 
+#include <atomic>
 #include <cfenv>
 #include <fstream>
 #include <numeric>
@@ -195,6 +196,10 @@ const Row refusal_errors[] = {
     {"spgmatgmat_mkl_G_int64: n = -2 is negative, so c is left as it was", [](Host& h) { h.n = -2, h.matrix(); }},
     {"spgmatgvec_mkl_G_int64: m = -2 is negative, so 6 elements of y are set to 0, 6 of them behind its end",
      [](Host& h) { h.m = -2, h.k = -3, h.vector(); }},
+    {"spgmatgmat_mkl_G_int64: col_ind is null, so 12 elements of c are set to 0, 12 of them behind its end",
+     [](Host& h) { h.col_ind = Ints(), h.n = 0, h.matrix(); }},
+    {"spgmatgmat_mkl_G_int64: m = -2 is negative, so 6 elements of c are set to 0, 6 of them behind its end",
+     [](Host& h) { h.m = -2, h.k = -3, h.n = -2, h.matrix(); }},
     {"spgmatgvec_mkl_G_int64: k = 0: y is left as it was, not set to 0", [](Host& h) { h.k = 0, h.vector(); }},
     {"spgmatspgmattr_mkl_int64_new: k = 0: C is left as it was, not set to 0", [](Host& h) { h.k = 0, h.csr(); }},
 };
@@ -241,7 +246,7 @@ const Row stage_errors[] = {
      [](Host& h) {
          h.csr(), h.c_col_ind = {2, 1, 2, 1}, h.csr(2);
      }},
-    {"spgmatspgmattr_mkl_int64_new: c_col_ind: no product in this process left this structure", // after many of another
+    {"spgmatspgmattr_mkl_int64_new: c_col_ind: no product in this process left this structure", // after many of one
      [](Host& h) {
          for (int i = 0; i < 5000; ++i) {
              h.csr(0);
@@ -252,6 +257,11 @@ const Row stage_errors[] = {
      [](Host& h) { h.csr(), std::swap(h.c_col_ind[2], h.c_col_ind[3]), h.csr(2); }},
     {"spgmatspgmattr_mkl_int64_new: A has another structure than at the product that left C",
      [](Host& h) { h.csr(), std::swap(h.col_ind[0], h.col_ind[1]), h.csr(2); }},
+    {"spgmatspgmattr_mkl_int64_new: B has another structure than at the product that left C", // which is empty
+     [](Host& h) {
+         h.row_ptr = {1, 2, 2, 2}, h.col_ind[0] = 3, h.csr();
+         h.b_col_ind[0] = 3, h.b_col_ind[1] = 1, h.csr(2);
+     }},
     {"spgmatspgmattr_mkl_int64_new: B has another structure than at the product that left C",
      [](Host& h) { h.csr(), h.b_col_ind[0] = 3, h.csr(2); }},
     {"spgmatspgmattr_mkl_int64_new: c_col_ind: column 2 stands twice in row 3",
@@ -266,7 +276,8 @@ const Row thread_errors[] = {
      "as "
      "its y",
      [](Host& h) { run_at_once([&h] { h.dense(); }, [&h] { h.vector(h.x.data(), h.b_val.data()); }); }},
-    {"qz_mkl_set_num_threads_int64: the thread count is set while spgmatspgmattr_gmat_mkl_int64_new runs on another "
+    {"qz_mkl_set_num_threads_int64: the thread count is set while a sparse-by-sparse product runs on another thread|"
+     "spgmatspgmattr_gmat_mkl_int64_new: the thread count is set while a sparse-by-sparse product runs on another "
      "thread",
      [](Host& h) { run_at_once([&h] { h.dense(); }, [] { qz_mkl_set_num_threads_int64(1); }); }},
 };
@@ -286,9 +297,9 @@ TEST_P(Others, LetTheProcessGoOn) {
 }
 
 const Row notes[] = {
-    {"note: spgmatspgmattr_mkl_int64_new: a_val is null; give a matrix without entries one element",
+    {"note: spgmatgvec_mkl_G_int64: val is null; give a matrix without entries one element",
      [](Host& h) {
-         h.val = Doubles(), h.row_ptr = {1, 1, 1, 1}, h.stage = 2, h.c_row_ptr = {1, 1, 1, 1}, h.csr();
+         h.val = Doubles(), h.row_ptr = {1, 1, 1, 1}, h.vector();
      }},
     {"note: spgmatgmat_mkl_G_int64: n = 0: nothing is computed", [](Host& h) { h.n = 0, h.matrix(); }},
     {"note: spgmatgvec_mkl_G_int64: m = 0: nothing is computed", [](Host& h) { h.m = h.k = 0, h.vector(); }},
@@ -331,10 +342,9 @@ void refresh_pieces(Host& h) {
 const Row notes_of_the_process[] = {
     {"note: spgmatspgmattr_mkl_int64_new: C is not what one product left, and is taken for one that was put together "
      "from several",
-     [](Host& h) { // a row of B that meets no entry of A was left out
-         h.row_ptr[3] = 5;
+     [](Host& h) { // all of C at once, by columns that were numbered anew
          Host piece = h;
-         piece.n = 1, piece.b_row_ptr = {1, 3}, piece.csr();
+         piece.k = 8, piece.col_ind = {2, 6, 4, 2, 8}, piece.b_col_ind = {2, 4, 8}, piece.csr();
          h.c_row_ptr = piece.c_row_ptr, h.c_col_ind = piece.c_col_ind, h.csr(2);
      }},
     {"note: spgmatspgmattr_mkl_int64_new: C is not what one product left, and is taken for one that was put together "
@@ -414,33 +424,54 @@ const Row silent[] = {
          refresh(h.c_val.data());
          other.join();
      }},
+    {"", // a row of B left out that meets no entry of A
+     [](Host& h) {
+         h.row_ptr[3] = 5;
+         Host piece = h;
+         piece.n = 1, piece.b_row_ptr = {1, 3}, piece.csr();
+         h.c_row_ptr = piece.c_row_ptr, h.c_col_ind = piece.c_col_ind, h.csr(2);
+     }},
     {"", // a product without entries
      [](Host& h) {
          h.row_ptr = {1, 2, 2, 2}, h.col_ind[0] = 3, h.csr();
          h.c_val = Doubles(), h.c_col_ind = Ints(), h.csr(2);
+         h.csr(1), h.csr(2);
      }},
     {"", // C as an operand, with its columns in MKL's order
      [](Host& h) {
          h.csr();
          spgmatgvec_mkl_G_int64(h.c_val.data(), h.c_col_ind.data(), h.c_row_ptr.data(), h.x.data(), 3, 2, h.y.data());
      }},
-    {"", // two threads that write rows of one array, in turn with forks
+    {"", // two threads that write rows of one array
      [](Host& h) {
          h.ldc = 6;
+         const auto multiply = [&h](double* c) {
+             for (int i = 0; i < 5000; ++i) {
+                 h.matrix(h.x.data(), c);
+             }
+         };
+         std::thread other(multiply, h.y.data() + 3);
+         multiply(h.y.data());
+         other.join();
+     }},
+    {"", // forks while another thread calls: the child has no such thread
+     [](Host& h) {
+         std::atomic<bool> ends{false};
          std::thread other([&] {
-             for (int i = 0; i < 20000; ++i) {
-                 h.matrix(h.x.data(), h.y.data() + 3);
+             while (!ends) {
+                 h.dense();
              }
          });
          for (int i = 0; i < 100; ++i) {
-             h.matrix();
-             if (const pid_t child = fork(); child == 0) {
-                 h.matrix(h.x.data(), h.y.data() + 3); // as the other thread does, which is not here
+             const pid_t child = fork();
+             if (child == 0) {
+                 alarm(20);
+                 qz_mkl_set_num_threads_int64(1);
                  _exit(0);
-             } else {
-                 waitpid(child, nullptr, 0);
              }
+             waitpid(child, nullptr, 0);
          }
+         ends = true;
          other.join();
      }},
 };

@@ -81,7 +81,7 @@ void tell_unchecked_library() noexcept {
     while (maps != nullptr && std::fgets(line, sizeof line, maps) != nullptr) {
         const std::string_view text(line, std::strcspn(line, "\n"));
         const std::string_view path = text.substr(std::min(text.find('/'), text.size()));
-        if (path.find("/libcsr_products.so") != path.npos && path != here.dli_fname) {
+        if (path.find("/libcsr_products.so") != std::string_view::npos && path != here.dli_fname) {
             write_line("no call was checked: load libcsr_products.so.1 in place of {}", path);
             break;
         }
@@ -100,7 +100,7 @@ void tell_unchecked_library() noexcept {
         }
         return;
     }
-    const Lock lock;
+    const bool is_locked = pthread_mutex_trylock(&Lock::mutex) == 0; // exit may have been called by a signal handler
     write_line("calls: {}, threads: {}, errors: {}, notes: {}", all, threads.load(), counts[0], counts[1]);
     for (std::size_t i = 0; i < distinct; ++i) {
         if (written[i].count > 1) {
@@ -121,6 +121,9 @@ void tell_unchecked_library() noexcept {
     }
     if (const std::uint64_t times = repeated_structures.load(); times > 0) {
         write_line("{} times a sparse product computed a structure that C held once: stage 2 refreshes it", times);
+    }
+    if (is_locked) {
+        pthread_mutex_unlock(&Lock::mutex);
     }
 }
 

@@ -47,7 +47,8 @@ bool has_hole(std::uintptr_t first, std::uintptr_t last) noexcept {
 Int accessible_by_pages(std::uintptr_t first, Int count) noexcept {
     const auto are_readable = [&](Int elements) {
         const std::uintptr_t last = first + static_cast<std::uintptr_t>(elements - 1) * element_size;
-        return can_read(last) && (last - first < page_size || (can_read(first) && !has_hole(first, last)));
+        const bool is_one_page = first / page_size == (last + element_size - 1) / page_size;
+        return can_read(last) && (is_one_page || (can_read(first) && !has_hole(first, last)));
     };
     if (are_readable(count)) {
         return count;

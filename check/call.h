@@ -33,9 +33,7 @@ struct Entry {
 
 // An entry, and where it was called from. The default argument is evaluated in the entry that makes the site.
 struct Site {
-    Site(Entry& called,
-         const void* address = __builtin_return_address(0)) noexcept // NOLINT(google-explicit-constructor)
-        : entry(called), caller(address) {}
+    Site(Entry& called, const void* address = __builtin_return_address(0)) noexcept : entry(called), caller(address) {}
 
     Entry& entry;
     const void* caller;
@@ -56,10 +54,9 @@ struct Block {
         if (rows <= 0 || columns <= 0) {
             return 0;
         }
-        return __builtin_mul_overflow(columns - 1, leading_dimension, &elements) ||
-                       __builtin_add_overflow(elements, rows, &elements)
-                   ? most_elements
-                   : elements;
+        const bool overflows = __builtin_mul_overflow(columns - 1, leading_dimension, &elements) ||
+                               __builtin_add_overflow(elements, rows, &elements);
+        return overflows ? most_elements : elements;
     }
 };
 

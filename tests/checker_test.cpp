@@ -222,6 +222,12 @@ const Row array_errors[] = {
          munmap(static_cast<double*>(pages) + 512, 4096);
          h.k = 1000000, h.vector(static_cast<double*>(pages), h.y.data());
      }},
+    {"spgmatgvec_mkl_G_int64: x ends after 0 of 4 elements", // the first is before memory that can be read
+     [](Host& h) {
+         void* const pages = mmap(nullptr, 8192, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+         munmap(pages, 4096);
+         h.vector(static_cast<double*>(pages) + 511, h.y.data());
+     }},
     {"spgmatgvec_mkl_G_int64: y overlaps x", [](Host& h) { h.vector(h.x.data(), h.x.data() + 3); }},
     {"spgmatgmat_mkl_G_int64: c overlaps b",
      [](Host& h) { h.ldb = h.ldc = 6, h.y.resize(16), h.matrix(h.y.data(), h.y.data() + 3); }},

@@ -252,6 +252,12 @@ const Row stage_errors[] = {
      [](Host& h) {
          h.csr(), h.c_col_ind = {2, 1, 2, 1}, h.csr(2);
      }},
+    {"spgmatspgmattr_mkl_int64_new: c_col_ind: no product in this process left this structure", // after a smaller one
+     [](Host& h) {
+         Host piece = h;
+         piece.m = 1, piece.csr();
+         h.csr(), h.c_col_ind = {2, 1, 2, 1}, h.csr(2);
+     }},
     {"spgmatspgmattr_mkl_int64_new: c_col_ind: no product in this process left this structure", // after many of one
      [](Host& h) {
          for (int i = 0; i < 5000; ++i) {
@@ -348,6 +354,13 @@ void refresh_pieces(Host& h) {
 const Row notes_of_the_process[] = {
     {"note: spgmatspgmattr_mkl_int64_new: C is not what one product left, and is taken for one that was put together "
      "from several",
+     [](Host& h) { // its arrays come from two calls
+         Host columns = h;
+         columns.c_row_ptr = Ints(), columns.csr();
+         h.csr(1), h.c_col_ind = columns.c_col_ind, h.csr(2);
+     }},
+    {"note: spgmatspgmattr_mkl_int64_new: C is not what one product left, and is taken for one that was put together "
+     "from several",
      [](Host& h) { // all of C at once, by columns that were numbered anew
          Host piece = h;
          piece.k = 8, piece.col_ind = {2, 6, 4, 2, 8}, piece.b_col_ind = {2, 4, 8}, piece.csr();
@@ -367,7 +380,7 @@ const Row notes_of_the_process[] = {
      [](Host& h) {
          pthread_attr_t attributes;
          pthread_attr_init(&attributes);
-         pthread_attr_setstacksize(&attributes, std::size_t{48} << 10);
+         pthread_attr_setstacksize(&attributes, std::size_t{64} << 10);
          pthread_t thread{};
          const auto call = [](void* host) -> void* {
              static_cast<Host*>(host)->csr();

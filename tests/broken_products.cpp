@@ -1,12 +1,15 @@
-// A wrong A*x for the hosts to notice when this is preloaded: a plain loop with the fault that the environment names.
-// Also tells the thread count that a host sets, and takes the memory for large arrays from one rank.
+// Wrong products for the hosts to notice when this is preloaded, each with the fault that the environment names: A*x by
+// a plain loop, and those of two sparse matrices by the library. Also tells the thread count that a host sets, and
+// takes the memory for large arrays from one rank.
 
 #include "csr_products.h"
 
 #include <cstdio>
 #include <cstdlib>
+#include <dlfcn.h>
 #include <limits>
 #include <new>
+#include <string>
 #include <string_view>
 
 namespace {
@@ -14,6 +17,18 @@ namespace {
 std::string_view variable(const char* name) {
     const char* const value = std::getenv(name);
     return value == nullptr ? "" : value;
+}
+
+// The library's own function.
+template <class Function>
+Function* next(Function*, const char* symbol) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
+}
+
+void spoil(double* values, std::int64_t count) {
+    for (std::int64_t i = 0; values != nullptr && i < count; ++i) {
+        values[i] *= 1 + 1e-11;
+    }
 }
 
 } // namespace
@@ -46,6 +61,34 @@ void spgmatgvec_mkl_G_int64(
         for (std::int64_t p = row_ptr[i] - 1; p < row_ptr[i + 1] - 1; ++p) {
             y[i] += scale * val[p] * x[col_ind[p] - 1];
         }
+    }
+}
+
+// clang-format off
+void spgmatspgmattr_gmat_mkl_int64_new(
+    std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const a_val, std::int64_t* const a_col_ind, std::int64_t* const a_row_ptr,
+    double* const b_val, std::int64_t* const b_col_ind, std::int64_t* const b_row_ptr,
+    double* const c) noexcept {
+    next(spgmatspgmattr_gmat_mkl_int64_new, "_Z33spgmatspgmattr_gmat_mkl_int64_newlllPdPlS0_S_S0_S0_S_")(
+        m, k, n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr, c);
+    spoil(c, variable("CSR_PRODUCTS_FAULT") == "a dense A*B^T" ? m * n : 0);
+}
+
+void spgmatspgmattr_mkl_int64_new(
+    std::int64_t stage, std::int64_t m, std::int64_t k, std::int64_t n,
+    double* const a_val, std::int64_t* const a_col_ind, std::int64_t* const a_row_ptr,
+    double* const b_val, std::int64_t* const b_col_ind, std::int64_t* const b_row_ptr,
+    std::int64_t ignored_count,
+    double* const c_val, std::int64_t* const c_col_ind, std::int64_t* const c_row_ptr,
+    std::int64_t& ignored_result) noexcept {
+    // clang-format on
+    next(spgmatspgmattr_mkl_int64_new, "_Z28spgmatspgmattr_mkl_int64_newllllPdPlS0_S_S0_S0_lS_S0_S0_Rl")(
+        stage, m, k, n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr, ignored_count, c_val, c_col_ind,
+        c_row_ptr, ignored_result);
+    if (variable("CSR_PRODUCTS_FAULT") == "stage " + std::to_string(stage)) {
+        spoil(c_val, c_row_ptr[m] - 1);
+        c_row_ptr[1] += stage == 1 ? 1 : 0;
     }
 }
 

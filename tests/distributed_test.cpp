@@ -1,12 +1,16 @@
 // The distributed operator on the ranks of mpirun, against the PETSc matrix that it works on, whose elements are
 // compared with the whole matrix.
 
+#include "csr_products.h"
 #include "distributed_operator.h"
 #include "matrix_source.h"
 
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <numeric>
+
+PETSC_EXTERN PetscErrorCode PetscObjectStateGet(PetscObject, PetscObjectState*); // which no installed header declares
 
 namespace {
 
@@ -39,11 +43,15 @@ void expect_products(Mat shell, Mat aij) {
     expect("A*x + y", MatMultAddEqual);
 }
 
+MPI_Comm ranks_of(Mat aij) {
+    return PetscObjectComm(reinterpret_cast<PetscObject>(aij));
+}
+
 // A block whose columns are further apart than they are long, as solvers hand it over.
-Mat make_block(Int rows) {
+Mat make_block(MPI_Comm ranks, Int rows, Int columns = 3) {
     Mat block = nullptr;
-    check(MatCreate(PETSC_COMM_WORLD, &block));
-    check(MatSetSizes(block, rows, PETSC_DECIDE, PETSC_DETERMINE, 3));
+    check(MatCreate(ranks, &block));
+    check(MatSetSizes(block, rows, PETSC_DECIDE, PETSC_DETERMINE, columns));
     check(MatSetType(block, MATDENSE));
     check(MatDenseSetLDA(block, rows + 2));
     check(MatSetUp(block));
@@ -56,8 +64,8 @@ void expect_block_product(Mat shell, Mat aij) {
     Int k = 0;
     PetscBool equal = PETSC_FALSE;
     check(MatGetLocalSize(aij, &m, &k));
-    Mat b = make_block(k);
-    Mat c = make_block(m);
+    Mat b = make_block(ranks_of(aij), k);
+    Mat c = make_block(ranks_of(aij), m);
     check(MatShellSetOperation(shell, MATOP_MULT, nullptr)); // PETSc would multiply column by column
     check(MatMatMult(shell, b, MAT_REUSE_MATRIX, PETSC_DEFAULT, &c));
     check(MatMatMultEqual(aij, b, c, 3, &equal));
@@ -99,15 +107,17 @@ TEST(Distributed, ProductsAgreeWithPetscs) {
         {"wide", matrix(15, 70, scattered)},
         {"tall", matrix(70, 15, scattered)}};
     for (const auto& [name, a] : cases) {
-        SCOPED_TRACE(name);
-        Mat aij = distribute(EigenMatrix(a));
-        expect_elements(aij, a);
-        {
-            DistributedOperator op(aij);
-            expect_products(op.shell(), aij);
-            expect_block_product(op.shell(), aij);
+        for (const MPI_Comm ranks : {PETSC_COMM_WORLD, PETSC_COMM_SELF}) {
+            SCOPED_TRACE(testing::Message() << name << (ranks == PETSC_COMM_SELF ? ", each rank alone" : ""));
+            Mat aij = distribute(EigenMatrix(a), ranks);
+            expect_elements(aij, a);
+            {
+                DistributedOperator op(aij);
+                expect_products(op.shell(), aij);
+                expect_block_product(op.shell(), aij);
+            }
+            check(MatDestroy(&aij));
         }
-        check(MatDestroy(&aij));
     }
 }
 
@@ -130,8 +140,37 @@ TEST(Distributed, ChangedMatrix) {
             }
             expect_products(op.shell(), aij);
         }
+        // Rank 0 keeps its ghosts, and no entry in their columns. A block without columns leaves no room for them.
+        Int begin = 0;
+        Int end = 0;
+        check(MatGetOwnershipRange(aij, &begin, &end));
+        std::vector<Int> boundary(static_cast<std::size_t>(begin == 0 ? end : 0));
+        std::iota(boundary.begin(), boundary.end(), 0);
+        check(MatZeroRows(aij, static_cast<Int>(boundary.size()), boundary.data(), 1.0, nullptr, nullptr));
+        for (const Int columns : {0, 2}) {
+            Mat b = make_block(PETSC_COMM_WORLD, end - begin, columns);
+            Mat c = make_block(PETSC_COMM_WORLD, end - begin, columns);
+            PetscObjectState before = 0;
+            PetscObjectState after = 0;
+            check(PetscObjectStateGet(reinterpret_cast<PetscObject>(c), &before));
+            op.multiply(b, c);
+            check(PetscObjectStateGet(reinterpret_cast<PetscObject>(c), &after));
+            EXPECT_GT(after, before) << "PETSc does not know that C has changed";
+            expect_products(op.shell(), aij);
+            check(MatDestroy(&b));
+            check(MatDestroy(&c));
+        }
     }
     check(MatDestroy(&aij));
+}
+
+// Of a matrix without entries too, no array is null.
+TEST(HostMatrix, WithoutEntries) {
+    const HostMatrix a(EigenMatrix(2, 3));
+    std::vector<double> b(6, 1.0);
+    std::vector<double> c(4, 7.0);
+    spgmatgmat_mkl_G_int64(a.val(), a.col_ind(), a.row_ptr(), b.data(), 2, 3, 2, c.data());
+    EXPECT_EQ(c, std::vector<double>(4));
 }
 
 } // namespace

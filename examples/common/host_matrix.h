@@ -15,7 +15,10 @@ public:
     explicit HostMatrix(EigenMatrix matrix) {
         matrix_.swap(matrix);
         matrix_.makeCompressed();
-        col_ind_.resize(std::max<Int>(matrix_.nonZeros(), 1)); // never null, which the library would refuse
+        if (matrix_.nonZeros() == 0) {
+            matrix_.reserve(1); // no array is null, with which the library would not compute
+        }
+        col_ind_.resize(std::max<Int>(matrix_.nonZeros(), 1));
         col_ind_.head(matrix_.nonZeros()) = Indices::Map(matrix_.innerIndexPtr(), matrix_.nonZeros()).array() + 1;
         row_ptr_ = Indices::Map(matrix_.outerIndexPtr(), matrix_.rows() + 1).array() + 1;
     }

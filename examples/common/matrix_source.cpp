@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <fstream>
 #include <optional>
 #include <stdexcept>
@@ -33,12 +34,15 @@ std::vector<std::string_view> words_of(std::string_view line) {
 template <class T>
 std::optional<T> number(std::string_view word) {
     T value{};
-    const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value);
-    const bool is_whole = error == std::errc{} && end == word.data() + word.size();
+    auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value);
     if constexpr (std::is_floating_point_v<T>) {
-        return is_whole && std::isfinite(value) ? std::optional(value) : std::nullopt;
+        if (error == std::errc::result_out_of_range) { // strtod tells zero from infinity
+            value = std::strtod(std::string(word).c_str(), nullptr);
+            error = {};
+        }
+        error = std::isfinite(value) ? error : std::errc::result_out_of_range;
     }
-    return is_whole ? std::optional(value) : std::nullopt;
+    return error == std::errc{} && end == word.data() + word.size() ? std::optional(value) : std::nullopt;
 }
 
 enum class Field { real, integer, pattern };
@@ -62,6 +66,10 @@ public:
             const auto [row, col, value] = entry();
             entries.emplace_back(row, col, value);
             if (symmetric_ && row != col) {
+                if (lower_.value_or(row > col) != (row > col)) {
+                    fail_here("symmetric, but with entries on both sides of the diagonal");
+                }
+                lower_ = row > col;
                 entries.emplace_back(col, row, value);
             }
         }
@@ -183,6 +191,7 @@ private:
     Int line_number_ = 0;
     Field field_ = Field::real;
     bool symmetric_ = false;
+    std::optional<bool> lower_; // which triangle of a symmetric matrix stands in the file
     Int rows_ = 0;
     Int cols_ = 0;
     Int count_ = 0;

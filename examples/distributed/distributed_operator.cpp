@@ -37,9 +37,10 @@ DistributedOperator& operator_of(Mat shell) {
 DistributedOperator::DistributedOperator(Mat aij) : aij_(aij) {
     Int m = 0;
     Int k = 0;
-    check(PetscSFCreate(PETSC_COMM_WORLD, &exchange_));
+    const MPI_Comm ranks = PetscObjectComm(reinterpret_cast<PetscObject>(aij_));
+    check(PetscSFCreate(ranks, &exchange_));
     check(MatGetLocalSize(aij_, &m, &k));
-    check(MatCreateShell(PETSC_COMM_WORLD, m, k, PETSC_DETERMINE, PETSC_DETERMINE, this, &shell_));
+    check(MatCreateShell(ranks, m, k, PETSC_DETERMINE, PETSC_DETERMINE, this, &shell_));
     const auto set = [&](MatOperation operation, auto* function) {
         check(MatShellSetOperation(shell_, operation, reinterpret_cast<void (*)()>(function)));
     };
@@ -108,7 +109,6 @@ void DistributedOperator::update() {
         PetscLayout columns = nullptr;
         check(MatGetLayouts(aij_, nullptr, &columns));
         check(PetscSFSetGraphLayout(exchange_, columns, ghost_.cols, nullptr, PETSC_COPY_VALUES, ghost_columns));
-        ghost_values_.resize(size(ghost_.cols));
 
         // The accumulating product reads and writes all of y, so it gets only the rows that it changes.
         boundary_rows_.clear();
@@ -120,7 +120,6 @@ void DistributedOperator::update() {
             }
         }
         ghost_.row_ptr = std::move(row_ptr);
-        boundary_.resize(boundary_rows_.size());
     }
     for (const auto& [matrix, block] : {std::pair{own, &own_}, {ghost, &ghost_}}) {
         const double* values = nullptr;
@@ -217,6 +216,8 @@ void DistributedOperator::multiply_transposed(Vec x, Vec y) {
             spgmattrgmat_mkl_G_int64(own_.val, own_.col_ind.data(), own_.row_ptr.data(), input, own_.rows, own_.cols, 1,
                                      output);
         }
+        ghost_values_.assign(size(ghost_.cols), 0.0); // without boundary rows there is no product
+        boundary_.resize(boundary_rows_.size());
         std::transform(boundary_rows_.begin(), boundary_rows_.end(), boundary_.begin(),
                        [&](Int row) { return input[row]; });
         if (!boundary_rows_.empty()) {
@@ -228,15 +229,15 @@ void DistributedOperator::multiply_transposed(Vec x, Vec y) {
     });
 }
 
-Mat distribute(EigenMatrix&& matrix) {
+Mat distribute(EigenMatrix&& matrix, MPI_Comm ranks) {
     int rank = 0;
-    MPI_Comm_rank(PETSC_COMM_WORLD, &rank);
+    MPI_Comm_rank(ranks, &rank);
     if (rank != 0) {
         matrix.resize(0, 0);
     }
     matrix.makeCompressed();
     std::array<Int, 2> shape{matrix.rows(), matrix.cols()};
-    MPI_Bcast(shape.data(), 2, MPIU_INT, 0, PETSC_COMM_WORLD);
+    MPI_Bcast(shape.data(), 2, MPIU_INT, 0, ranks);
     std::vector<Int> rows;
     std::vector<Int> columns(matrix.innerIndexPtr(), matrix.innerIndexPtr() + matrix.nonZeros());
     for (Int row = 0; row < matrix.rows(); ++row) {
@@ -244,7 +245,7 @@ Mat distribute(EigenMatrix&& matrix) {
     }
     Mat assembled = nullptr;
     Mat aij = nullptr;
-    check(MatCreate(PETSC_COMM_WORLD, &assembled));
+    check(MatCreate(ranks, &assembled));
     check(MatSetSizes(assembled, PETSC_DECIDE, PETSC_DECIDE, shape[0], shape[1]));
     check(MatSetType(assembled, MATMPIAIJ)); // on one rank too, which would otherwise get a MATSEQAIJ
     check(MatSetPreallocationCOO(assembled, matrix.nonZeros(), rows.data(), columns.data()));

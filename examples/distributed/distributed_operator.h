@@ -14,8 +14,8 @@ inline void check(PetscErrorCode code) {
     }
 }
 
-// The rows of rank 0's matrix, which it gives away, distributed over all ranks as a MATMPIAIJ.
-Mat distribute(EigenMatrix&& matrix);
+// The rows of rank 0's matrix, which it gives away, distributed over the ranks as a MATMPIAIJ.
+Mat distribute(EigenMatrix&& matrix, MPI_Comm ranks = PETSC_COMM_WORLD);
 
 // Products with a MATMPIAIJ, of which each rank holds a block of its own columns, and one of ghost columns,
 // whose values of x belong to other ranks. Each product of a block is a call of the library. The ghost values

@@ -6,16 +6,18 @@
 
 #include <unsupported/Eigen/KroneckerProduct>
 
+#include <charconv>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
 #include <sys/resource.h>
 
 namespace {
 
 constexpr Int default_grid = 512; // points along an edge of the square
 constexpr Int greatest_grid = 2048;
-constexpr Int block_rows = 512;
+constexpr Int block_rows = 256;
+constexpr Int compared_rows = 8192;
 constexpr int refreshes = 3;
 
 // The five-point Laplacian on a square of grid * grid points.
@@ -73,8 +75,13 @@ bool agree(const local_blocks::Csr& c, Int first, const EigenMatrix& expected, s
 
 } // namespace
 
-int main(int argc, char** argv) {
-    const Int grid = argc > 1 ? std::atoll(argv[1]) : default_grid;
+int main(int argc, char** argv) try {
+    Int grid = default_grid;
+    if (argc > 1) {
+        const char* const end = argv[1] + std::strlen(argv[1]);
+        const auto [last, error] = std::from_chars(argv[1], end, grid);
+        grid = last == end && error == std::errc{} ? grid : 0;
+    }
     if (argc > 2 || grid < 1 || grid > greatest_grid) {
         std::fprintf(stderr, "large_product: usage: large_product [GRID], 1 to %d\n", static_cast<int>(greatest_grid));
         return 1;
@@ -88,30 +95,37 @@ int main(int argc, char** argv) {
     const double structure = seconds([&] { c = structure_of_product(view(a), view(b), block_rows); });
     std::printf("structure of C: %.0f entries, %.2f s\n", double(c.row_ptr.back() - 1), structure);
 
+    bool same = true;
     std::vector<double> row(local_blocks::size(b.rows()));
-    for (Int round = 0; round < refreshes; ++round) {
+    for (Int round = 0; same && round < refreshes; ++round) {
         set_values(a, round);
         set_values(b, 2 * round + 1);
         const double refreshed = seconds([&] { refresh(view(a), view(b), c); });
-        bool same = true;
         double eigen = 0;
         EigenMatrix transposed;
         eigen += seconds([&] { transposed = b.eigen().transpose(); });
-        for (Int first = 0; first < a.rows(); first += 16 * block_rows) { // in pieces too, for the memory
-            const Int count = std::min(16 * block_rows, a.rows() - first);
+        for (Int first = 0; first < a.rows(); first += compared_rows) { // in pieces too, for the memory
+            const Int count = std::min(compared_rows, a.rows() - first);
             EigenMatrix expected;
             eigen += seconds([&] { expected = a.eigen().middleRows(first, count) * transposed; });
             same = agree(c, first, expected, row) && same;
         }
         std::printf("refresh %d: %.3f s, Eigen's product %.3f s, %s\n", int(round) + 1, refreshed, eigen,
                     same ? "the same values" : "OTHER VALUES");
-        if (!same) {
-            std::fprintf(stderr, "large_product: the product differs from Eigen's\n");
-            return 2;
-        }
     }
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
     std::printf("memory: %.0f MB at most\n", double(usage.ru_maxrss) / 1000);
+    if (!same) {
+        std::fputs("large_product: the product differs from Eigen's\n", stderr);
+        return 2;
+    }
+    if (std::fflush(stdout) != 0) {
+        std::fputs("large_product: standard output cannot be written\n", stderr);
+        return 1;
+    }
     return 0;
+} catch (const std::bad_alloc&) {
+    std::fputs("large_product: not enough memory\n", stderr);
+    return 1;
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <new>
 #include <numeric>
 #include <vector>
 
@@ -32,6 +33,15 @@ struct Csr {
     std::vector<Int> col_ind, row_ptr{1};
 
     explicit Csr(Int rows_ = 0, Int cols_ = 0) : rows(rows_), cols(cols_) {}
+
+    // Makes it a matrix without rows so far, in the memory that it has.
+    void clear(Int rows_, Int cols_) {
+        rows = rows_;
+        cols = cols_;
+        val.clear();
+        col_ind.clear();
+        row_ptr.assign(1, 1);
+    }
     CsrView view() { return {rows, cols, val.data(), col_ind.data(), row_ptr.data()}; }
 };
 
@@ -108,13 +118,14 @@ inline void append_row(const CsrView& whole, Int row, const Chosen& columns, Csr
 }
 
 // The structure of C := A*B^T; val has its length. Each block of rows of A is multiplied by only the rows of B that it
-// meets, those that share a column with it.
+// meets, those that share a column with it. Throws std::bad_alloc where memory runs out, in MKL too.
 inline Csr structure_of_product(const CsrView& a, const CsrView& b, Int block_rows) {
     block_rows = std::clamp<Int>(block_rows, 1, std::max<Int>(a.rows, 1));
     const Csr b_columns = rows_of_columns(b);
     Csr c(a.rows, b.rows);
     Chosen columns(a.cols);
     Chosen met(b.rows);
+    Csr local_a, local_b, local_c; // for all blocks: new memory costs more than their products
     for (Int first = 1; first <= a.rows; first += block_rows) {
         const Int last = std::min(first + block_rows - 1, a.rows);
         columns.clear();
@@ -129,9 +140,8 @@ inline Csr structure_of_product(const CsrView& a, const CsrView& b, Int block_ro
         }
         met.number();
 
-        Csr local_a(last - first + 1, columns.count());
-        Csr local_b(met.count(), columns.count());
-        Csr local_c(local_a.rows, local_b.rows);
+        local_a.clear(last - first + 1, columns.count());
+        local_b.clear(met.count(), columns.count());
         for (Int row = first; row <= last; ++row) {
             append_row(a, row, columns, local_a);
         }
@@ -139,11 +149,14 @@ inline Csr structure_of_product(const CsrView& a, const CsrView& b, Int block_ro
             append_row(b, row, columns, local_b);
         }
         // Without values: a null output is not written. Where no row is met, MKL refuses the product.
-        local_c.col_ind.resize(size(local_c.rows * local_c.cols));
-        local_c.row_ptr.assign(size(local_c.rows + 1), 1);
+        local_c.col_ind.resize(std::max(local_c.col_ind.size(), size(local_a.rows * local_b.rows)));
+        local_c.row_ptr.assign(size(local_a.rows + 1), 1);
         multiply(0, local_a.view(), local_b.view(), {0, 0, nullptr, local_c.col_ind.data(), local_c.row_ptr.data()});
+        if (met.count() > 0 && local_c.row_ptr.back() == 1) {
+            throw std::bad_alloc(); // MKL says nothing, and leaves what stood there
+        }
         const Int before = c.row_ptr.back() - 1;
-        for (Int row = 1; row <= local_c.rows; ++row) {
+        for (Int row = 1; row <= local_a.rows; ++row) {
             c.row_ptr.push_back(before + local_c.row_ptr[size(row)]);
         }
         for (Int p = 0; p < local_c.row_ptr.back() - 1; ++p) {

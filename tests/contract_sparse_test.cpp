@@ -127,7 +127,7 @@ TEST(SparseContract, CopyRunsOverMTimesNAndIsZeroBeyondTheStoredEntries) {
     } cases[] = {{3, 5, 3, 15, 4, 15, 15},       {3, 5, 3, 16, 4, 15, 15}, // more than the output has room for
                  {3, 5, 3, -2, 4, 0, 15},        {70, 70, 9, 4893, 10, 4893, 4900},
                  {2, 70, 5000, 7, 5001, 7, 140}, {3, 5, -1, 15, 0, 0, 0}, // no rows
-                 {0, 5, 0, 0, 1, 0, 0},          {-3, 5, 3, 15, 4, 0, 0},
+                 {0, 5, 0, 0, 1, 0, 0},          {2 - two_to_32, 3, 3, 15, 4, 0, 0},
                  {-3, -5, 3, 15, 4, 15, 15},     {two_to_62 + 3, 4, 3, 15, 4, 12, 12}};
     for (const auto& t : cases) {
         // Arrays of exactly as many elements as are exported, for AddressSanitizer.

@@ -1,6 +1,7 @@
 // Calls for which memory runs out. The program has a malloc of its own, which MKL then calls too.
 // A request of at least 8 KB fails on demand. Below that neither MKL nor the OpenMP runtime survives.
 
+#include "../examples/large/local_blocks.h"
 #include "entries.h"
 
 #include <atomic>
@@ -37,7 +38,7 @@ void multiply(int stage, CsrArrays& a, CsrArrays& c) {
     }
 }
 
-TEST(OutOfMemory, OutputsStayAndTheNextProductIsRight) {
+CsrArrays full_matrix() {
     CsrArrays a(n * n, n + 1);
     for (Int i = 0; i <= n; ++i) {
         a.row_ptr[size(i)] = i * n + 1;
@@ -45,6 +46,11 @@ TEST(OutOfMemory, OutputsStayAndTheNextProductIsRight) {
     for (Int p = 0; p < n * n; ++p) {
         a.col_ind[size(p)] = p % n + 1;
     }
+    return a;
+}
+
+TEST(OutOfMemory, OutputsStayAndTheNextProductIsRight) {
+    CsrArrays a = full_matrix();
     const CsrArrays unwritten(n * n, n + 1);
     CsrArrays product = unwritten;
     CsrArrays counted = unwritten;
@@ -70,6 +76,28 @@ TEST(OutOfMemory, OutputsStayAndTheNextProductIsRight) {
         }
     }
     EXPECT_GE(failures, 20) << "MKL takes its memory elsewhere";
+}
+
+// Never a structure without the rows of a block.
+TEST(OutOfMemory, LocalBlocksThrow) {
+    CsrArrays a = full_matrix();
+    const local_blocks::CsrView view{n, n, a.val.data(), a.col_ind.data(), a.row_ptr.data()};
+    const auto structure = [&] { return structure_of_product(view, view, n / 3 + 1).col_ind; };
+    const auto expected = structure();
+    const int first = requests;
+    structure();
+    const int of_a_call = requests - first;
+    int thrown = 0;
+    for (int request = 0; request < of_a_call; ++request) {
+        first_failure = last_failure = requests + request;
+        try {
+            EXPECT_EQ(structure(), expected) << "request " << request << " of " << of_a_call;
+        } catch (const std::bad_alloc&) {
+            ++thrown;
+        }
+        first_failure = last_failure = -1;
+    }
+    EXPECT_GE(thrown, 20);
 }
 
 } // namespace

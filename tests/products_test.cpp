@@ -434,7 +434,8 @@ private:
         const auto view = [](Csr& matrix) -> local_blocks::CsrView {
             return {matrix.rows, matrix.cols, matrix.val.data(), matrix.col_ind.data(), matrix.row_ptr.data()};
         };
-        auto c = local_blocks::structure_of_product(view(a_), view(b_), random_.between(1, m_ + 1));
+        const Int block_rows[] = {random_.between(1, m_ + 1), -1, std::numeric_limits<Int>::max()};
+        auto c = local_blocks::structure_of_product(view(a_), view(b_), block_rows[random_.between(0, 2)]);
         local_blocks::refresh(view(a_), view(b_), c);
         EXPECT_EQ(c.row_ptr, product_.row_ptr);
         EXPECT_EQ(c.col_ind, std::vector<Int>(product_.col_ind.begin(), product_.col_ind.begin() + stored_));
@@ -534,7 +535,7 @@ TEST(Stack, EveryEntryOnAThreadWith64Kilobytes) {
 }
 
 TEST(Threads, EightAtOnce) {
-    std::vector<std::future<void>> calls; // which wait for their threads
+    std::vector<std::future<void>> calls;
     for (unsigned seed = 0; seed < 8; ++seed) {
         calls.push_back(std::async(std::launch::async, [seed] {
             Random random(seed);
@@ -543,6 +544,9 @@ TEST(Threads, EightAtOnce) {
                 stages_round(random, false);
             }
         }));
+    }
+    for (auto& call : calls) {
+        call.get(); // throws what its thread has thrown
     }
 }
 

@@ -2,7 +2,7 @@
 
 Shapes, failures and warnings stand in the header and hold here: a sparse operand is val, col_ind, row_ptr,
 one-based, of float64, int64 and int64; dense ones are column-major. from_scipy makes the three arrays of any
-sparse matrix of SciPy, and linear_operator makes what its solvers take.
+sparse matrix of SciPy, to_scipy makes a matrix of them, and linear_operator makes what its solvers take.
 
 An array has the type that the signature names, and is contiguous column by column: of one dimension, (n, 1), or
 in Fortran order. An output is writable, and None where the signature permits it. TypeError, ValueError or
@@ -17,18 +17,33 @@ import ctypes
 import functools
 import inspect
 import operator
+import os
 import pathlib
+from typing import TYPE_CHECKING, Any, Callable, Optional, TypeVar
 
-import numpy as np
+import numpy as np  # and SciPy where its matrices come or go
+
+__version__ = "1.5.0"
+__all__ = [
+    "from_scipy", "linear_operator", "qz_mkl_set_num_threads_int64", "spgmatgmat_mkl_G_int64",
+    "spgmatgmat_mkl_G_int64_ld", "spgmatgmat_mkl_S_int64", "spgmatgmat_mkl_S_int64_ld", "spgmatgmatsum_mkl_G_int64",
+    "spgmatgmatsum_mkl_S_int64", "spgmatgvec_mkl_G_int64", "spgmatgvecsum_mkl_G_int64",
+    "spgmatspgmattr_gmat_mkl_int64_new", "spgmatspgmattr_mkl_int64_new", "spgmattrgmat_mkl_G_int64",
+    "spgmattrgmat_mkl_S_int64", "to_scipy",
+]
 
 
 def _load(name="libcsr_products.so.1"):
-    """Takes the library that the loader finds, or the one of the install tree that this file is in."""
+    """Takes the library that the process holds, that LD_LIBRARY_PATH names, of this file's install tree, or that the
+    loader finds.
+    """
     prefix = pathlib.Path(__file__).resolve().parent.parent
+    named = [pathlib.Path(folder, name) for folder in os.environ.get("LD_LIBRARY_PATH", "").split(":") if folder]
     beside = [prefix / folder / name for folder in ("lib", "lib64", "lib/x86_64-linux-gnu")]
-    for path in [name, *(str(path) for path in beside if path.exists())]:
+    found = [str(path) for path in named + beside if path.exists()]
+    for path, mode in [(name, os.RTLD_NOLOAD), *((path, 0) for path in found), (name, 0)]:
         try:
-            return ctypes.CDLL(path)
+            return ctypes.CDLL(path, os.RTLD_NOW | mode)
         except OSError as error:
             failure = error
     raise ImportError(f"{failure}: LD_LIBRARY_PATH must name its folder before Python starts") from failure
@@ -48,7 +63,7 @@ class _Array:
         self.needed = self._FORTRAN_ORDER | self._ALIGNED | (self._WRITEABLE if written else 0)
 
     def __repr__(self):
-        return f"{self.dtype} array" + ", written" * self.written + " or None" * self.optional
+        return "written " * self.written + f"{self.dtype} array" + " or None" * self.optional
 
     def from_param(self, array):
         if array is None and self.optional:
@@ -96,7 +111,10 @@ def _refuse(types, arguments):
             raise type(error)(f"{name}: {error}") from None
 
 
-def _entry(symbol):
+_Declaration = TypeVar("_Declaration", bound=Callable[..., None])
+
+
+def _entry(symbol: str) -> Callable[[_Declaration], _Declaration]:
     """Lets a declaration call `symbol` with arguments of the types that annotate them."""
 
     def bind(declaration):
@@ -120,11 +138,23 @@ def _entry(symbol):
     return bind
 
 
-Int64, Int32 = _Int(ctypes.c_int64), _Int(ctypes.c_int)
-Doubles, Indices, IndicesOrNone = _Array(np.float64), _Array(np.int64), _Array(np.int64, optional=True)
-DoublesOut = _Array(np.float64, written=True)
-DoublesOutOrNone = _Array(np.float64, written=True, optional=True)
-IndicesOutOrNone = _Array(np.int64, written=True, optional=True)
+if TYPE_CHECKING:
+    from typing import SupportsIndex as Int32, SupportsIndex as Int64
+
+    from numpy.typing import NDArray
+
+    Doubles = NDArray[np.float64]
+    Indices = NDArray[np.int64]
+    DoublesOut = Doubles
+    DoublesOutOrNone = Optional[Doubles]
+    IndicesOrNone = Optional[Indices]
+    IndicesOutOrNone = Optional[Indices]
+else:
+    Int64, Int32 = _Int(ctypes.c_int64), _Int(ctypes.c_int)
+    Doubles, Indices, IndicesOrNone = _Array(np.float64), _Array(np.int64), _Array(np.int64, optional=True)
+    DoublesOut = _Array(np.float64, written=True)
+    DoublesOutOrNone = _Array(np.float64, written=True, optional=True)
+    IndicesOutOrNone = _Array(np.int64, written=True, optional=True)
 
 
 @_entry("_Z22spgmatgmat_mkl_G_int64PdPlS0_S_lllS_")
@@ -223,37 +253,65 @@ def qz_mkl_set_num_threads_int64(count: Int32):
     """MKL's thread count. Warning: not while a product of the last two kinds runs on another thread."""
 
 
-def from_scipy(matrix):
+def from_scipy(matrix: Any) -> "tuple[Doubles, Indices, Indices]":
     """Copies a sparse matrix of SciPy, in any format, into new arrays (val, col_ind, row_ptr), one-based.
 
     Entries with the same place are summed, as in SciPy's products. val and col_ind hold an element each for a
     matrix without entries. A complex matrix is a TypeError.
     """
-    coo = matrix.tocoo(copy=True)
-    coo.data = coo.data.astype(np.float64, casting="same_kind")  # before entries are summed
-    csr = coo.tocsr()
+    from scipy.sparse import csr_matrix  # type: ignore[import-untyped, unused-ignore]
+
+    if matrix.dtype != np.float64:  # SciPy's astype would sum entries first, in their own type and in the host's matrix
+        matrix = matrix.tocoo(copy=True)
+        matrix.data = matrix.data.astype(np.float64, casting="same_kind")
+    csr = matrix.tocsr()
+    csr = csr_matrix((csr.data, csr.indices, csr.indptr), csr.shape)  # without flags, which may be stale
+    if not csr.has_canonical_format:
+        csr = csr.copy()  # the arrays may be the host's
+        csr.sum_duplicates()
     nnz = csr.indptr[-1]
     val, col_ind = np.zeros(max(nnz, 1)), np.ones(max(nnz, 1), np.int64)
-    np.copyto(val[:nnz], csr.data[:nnz])
+    val[:nnz] = csr.data[:nnz]
     col_ind[:nnz] += csr.indices[:nnz]
     return val, col_ind, np.add(csr.indptr, 1, dtype=np.int64)
 
 
-def linear_operator(val, col_ind, row_ptr, shape):
+def _check_operand(val, col_ind, row_ptr, shape):
+    """Raises what is wrong with a sparse operand of this shape. Returns its number of entries."""
+    _refuse({"val": Doubles, "col_ind": Indices, "row_ptr": Indices}, (val, col_ind, row_ptr))
+    m, k = shape
+    if (min(m, k) < 0 or row_ptr.size != m + 1 or row_ptr[0] != 1 or (row_ptr[1:] < row_ptr[:-1]).any()
+            or min(val.size, col_ind.size) < row_ptr[-1] - 1):
+        raise ValueError(f"val, col_ind, row_ptr: not a matrix of {m} x {k}")
+    columns = col_ind[: row_ptr[-1] - 1]
+    if columns.size and not 1 <= columns.min() <= columns.max() <= k:
+        raise ValueError(f"col_ind: not the columns of a matrix of {m} x {k}")
+    return columns.size
+
+
+def to_scipy(val: Doubles, col_ind: Indices, row_ptr: Indices, shape: Any) -> Any:
+    """Copies the stored entries of a sparse operand, as of a CSR product, into a csr_matrix of SciPy.
+
+    The columns of a row keep their order. Arrays that do not fit `shape` are a ValueError, as those that a product
+    without memory has left alone.
+    """
+    from scipy.sparse import csr_matrix  # type: ignore[import-untyped, unused-ignore]
+
+    nnz = _check_operand(val, col_ind, row_ptr, shape)
+    return csr_matrix((val[:nnz].copy(), col_ind[:nnz] - 1, row_ptr - 1), shape)
+
+
+def linear_operator(val: Doubles, col_ind: Indices, row_ptr: Indices, shape: Any) -> Any:
     """Makes a scipy.sparse.linalg.LinearOperator of a sparse operand: linear_operator(*from_scipy(a), a.shape).
 
     Every product is one of the library's: those with A and A^T, by a vector and by a block. They read the three
     arrays anew, so that a host may change the values in between. Vectors and blocks may be of any real type, stride
     and order; a complex one is a TypeError. Arrays that do not fit `shape` are a ValueError.
     """
-    from scipy.sparse.linalg import LinearOperator  # here, since all else needs NumPy alone
+    from scipy.sparse.linalg import LinearOperator  # type: ignore[import-untyped, unused-ignore]
 
+    _check_operand(val, col_ind, row_ptr, shape)
     m, k = shape
-    if row_ptr.size != m + 1 or min(val.size, col_ind.size) < row_ptr[-1] - 1:
-        raise ValueError(f"val, col_ind, row_ptr: not a matrix of {m} x {k}")
-    columns = col_ind[: row_ptr[-1] - 1]
-    if columns.size and not 1 <= columns.min() <= columns.max() <= k:
-        raise ValueError(f"col_ind: not the columns of a matrix of {m} x {k}")
     new = np.empty if m and k else np.zeros  # the library writes nothing for a matrix without rows or columns
 
     def doubles(array):

@@ -1,5 +1,4 @@
-// Products that 32 bits cannot count: more than 2^31 stored entries, elements of a result, or elements that a failed
-// wrap clears, and leading dimensions beyond 2^32. The arrays take little memory: one block is mapped again and again
+// Products that 32 bits cannot count: more than 2^31 stored entries or elements of a result. The arrays take little memory: one block is mapped again and again
 // over the addresses of an array, so that its elements repeat with a period. Slow, and left out of scripts/test.
 
 #include "entries.h"
@@ -91,28 +90,6 @@ TEST(Entries, Products) {
     EXPECT_EQ(std::vector<double>(x, x + cols), expected);
 }
 
-TEST(LeadingDimensions, BeyondTwoTo32) {
-    constexpr Int ld = two_to_32 + period / 2; // modulo 2^32, a column in the first period
-    double val[] = {2, 3, 5};                  // (2 3; 0 5)
-    Int col_ind[] = {1, 2, 2};
-    Int row_ptr[] = {1, 3, 4};
-    const Repeated<double> b(2 * ld);
-    const Repeated<double> c(2 * ld);
-    b[0] = b[ld] = 1;
-    b[1] = b[ld + 1] = 2;
-    for (const DenseEntry& e : dense_entries) {
-        if (e.form == DenseEntry::long_form) {
-            c[ld] = c[ld + 1] = c[0] = c[1] = 1;
-            e.call(val, col_ind, row_ptr, b.data(), ld, 2, 2, 2, c.data(), ld);
-            for (const Int column : {Int{0}, ld}) {
-                EXPECT_EQ(c[column], 8 + e.beta) << e.name;
-                EXPECT_EQ(c[column + 1], (e.preset[1] == '1' ? 13 : 10) + e.beta) << e.name;
-                EXPECT_EQ(c[column + 2], 0) << e.name;
-            }
-        }
-    }
-}
-
 constexpr Int result_rows = Int{1} << 14;
 constexpr Int result_columns = (two_to_31 + 2 * period) / result_rows;
 constexpr Int columns_of_period = period / result_rows;
@@ -188,16 +165,6 @@ TEST_F(Elements, TransposedCsr) {
     for (; p < 2 * period; ++p) {
         ASSERT_TRUE(c[p] == 0.0 && col_ind[p] == 0) << p;
     }
-}
-
-TEST(Cleared, FailedWrap) {
-    constexpr Int rows = period / 2;
-    constexpr Int cols = two_to_32 / rows + 1; // modulo 2^32, half of the first block
-    const Repeated<double> c(rows * (cols + 1));
-    std::vector<double> operand(1);
-    std::fill_n(c.data(), 2 * period, 1.0);
-    spgmatgvec_mkl_G_int64(operand.data(), nullptr, nullptr, operand.data(), rows, cols, c.data());
-    EXPECT_EQ(std::count(c.data(), c.data() + 2 * period, 0.0), 2 * period);
 }
 
 } // namespace

@@ -1,6 +1,10 @@
 """The Python module against NumPy. Usage: PYTHONPATH=INCLUDE LD_LIBRARY_PATH=FOLDER python3 python_test.py"""
 
+import copy
+import inspect
 import os
+import pathlib
+import shutil
 import sys
 import tempfile
 import unittest
@@ -27,9 +31,10 @@ def csr(dense):
     return cp.from_scipy(sparse.csr_matrix(dense))
 
 
-def to_scipy(val, col_ind, row_ptr, shape):
-    nnz = row_ptr[-1] - 1
-    return sparse.csr_matrix((val[:nnz], col_ind[:nnz] - 1, row_ptr - 1), shape)
+def content(matrix):
+    """What a matrix holds, but for what SciPy remembers of it."""
+    members = {name: value for name, value in vars(matrix).items() if not name.startswith("_has")}
+    return copy.deepcopy((matrix.dtype, members, dict(matrix) if matrix.format == "dok" else None))
 
 
 def raised(block):
@@ -39,20 +44,12 @@ def raised(block):
 
 class Module(unittest.TestCase):
     def test_products(self):
-        a, e, x, b, d, s = whole(M, K), whole(N, K), whole(K), whole(K, N).copy("F"), whole(M, N).copy("F"), whole(M, M)
-        s = np.triu(s)
-        symmetric_d = (s + np.triu(s, 1).T) @ d
+        a, e, x, b = whole(M, K), whole(N, K), whole(K), whole(K, N).copy("F")
+        # One of each kind: all are bound in the same way, and their declarations are compared with the symbols.
         for function, before, after, expected in [
             (cp.spgmatgmat_mkl_G_int64, (*csr(a), b, M, K, N), (), a @ b),
-            (cp.spgmatgmat_mkl_G_int64_ld, (*csr(a), raised(b), K + 1, M, K, N), (M + 1,), raised(a @ b)),
-            (cp.spgmatgmat_mkl_S_int64, (*csr(s), d, M, M, N), (), symmetric_d),
-            (cp.spgmatgmat_mkl_S_int64_ld, (*csr(s), raised(d), M + 1, M, M, N), (M + 1,), raised(symmetric_d)),
-            (cp.spgmatgmatsum_mkl_G_int64, (*csr(a), b, K, M, K, N), (M,), a @ b + 7),
-            (cp.spgmatgmatsum_mkl_S_int64, (*csr(s), d, M, M, M, N), (M,), symmetric_d),
-            (cp.spgmattrgmat_mkl_G_int64, (*csr(a), d[:, 0], M, K, 1), (), a.T @ d[:, 0]),
-            (cp.spgmattrgmat_mkl_S_int64, (*csr(s), d, M, M, N), (), symmetric_d),
+            (cp.spgmatgmatsum_mkl_G_int64, (*csr(a), raised(b), K + 1, M, K, N), (M + 1,), raised(a @ b + 7)),
             (cp.spgmatgvec_mkl_G_int64, (*csr(a), x, M, K), (), a @ x),
-            (cp.spgmatgvecsum_mkl_G_int64, (*csr(a), x, M, K), (), a @ x + 7),
             (cp.spgmatspgmattr_gmat_mkl_int64_new, (M, K, N, *csr(a), *csr(e)), (), a @ e.T),
         ]:
             with self.subTest(function.__name__):
@@ -64,7 +61,7 @@ class Module(unittest.TestCase):
         for stage, factor, outputs in (0, 1, (None,) * 3), (1, 1, (None, *c[1:])), (2, 1, c), (2, 3, c), (0, 5, c):
             cp.spgmatspgmattr_mkl_int64_new(stage, M, K, N, *csr(factor * a), *csr(e), 0, *outputs, None)
             if outputs is c:
-                np.testing.assert_array_equal(to_scipy(*c, (M, N)).toarray(), factor * a @ e.T)
+                np.testing.assert_array_equal(cp.to_scipy(*c, (M, N)).toarray(), factor * a @ e.T)
 
         tasks = len(os.listdir("/proc/self/task"))
         cp.qz_mkl_set_num_threads_int64(3)
@@ -103,35 +100,54 @@ class Module(unittest.TestCase):
         with self.assertRaisesRegex(OverflowError, "^count: -2147483649 does not fit in 32 bits$"):
             cp.qz_mkl_set_num_threads_int64(-(2**31) - 1)
 
+    def test_interface(self):
+        self.assertEqual(cp.__all__, sorted(name for name in dir(cp) if name in cp.__all__ or inspect.isfunction(
+            getattr(cp, name)) and not name.startswith("_")))
+        sources = pathlib.Path(cp.__file__).resolve().parent.parent
+        self.assertIn(f"project(csr_products VERSION {cp.__version__} ", (sources / "CMakeLists.txt").read_text())
+        for text in "c_val: written float64 array or None,", "a_row_ptr: int64 array,", "stage: int of 64 bits,":
+            self.assertIn(text, str(inspect.signature(cp.spgmatspgmattr_mkl_int64_new)))
+
     def test_finding_the_library(self):
         library = os.path.abspath(os.environ["LD_LIBRARY_PATH"] + "/libcsr_products.so.1")
-        for folder in "lib", "lib64", "lib/x86_64-linux-gnu":
-            with self.subTest(folder), tempfile.TemporaryDirectory() as prefix:
-                os.makedirs(f"{prefix}/{folder}")
-                os.symlink(library, f"{prefix}/{folder}/libother.so.1")
-                with mock.patch.object(cp, "__file__", f"{prefix}/include/csr_products.py"):
-                    cp._load("libother.so.1")
-        with self.assertRaisesRegex(ImportError, "^libother.so.1: cannot open .*: LD_LIBRARY_PATH must name its folder"):
-            cp._load("libother.so.1")
+        name = "libBrokenLocale.so.1"  # of the C library, so that the loader finds one too
+        with tempfile.TemporaryDirectory() as folder, \
+                mock.patch.object(cp, "__file__", f"{folder}/include/csr_products.py"), \
+                mock.patch.dict(os.environ, LD_LIBRARY_PATH=f":/nowhere:{folder}/named"):
+            made = [pathlib.Path(folder, each, name) for each in ("named", "lib", "lib64", "lib/x86_64-linux-gnu")]
+            for path in made:
+                path.parent.mkdir(parents=True, exist_ok=True)
+                shutil.copy(library, path)
+            for path in made:  # each is taken before those behind it
+                self.assertEqual(cp._load(name)._name, str(path))
+                path.unlink()
+            self.assertEqual(cp._load(name)._name, name)
+            with self.assertRaisesRegex(ImportError, "^libother.so.1: cannot open .*: LD_LIBRARY_PATH must name its"):
+                cp._load("libother.so.1")
+            shutil.copy(library, f"{folder}/named/libcsr_products.so.1")
+            self.assertEqual(cp._load()._handle, cp._library._handle)  # what the process holds goes before all
 
     def test_from_scipy(self):
         rows, columns = np.array([0, 0, 1]), np.array([2, 2, 0])
-        stale = sparse.csr_matrix((np.full(3, 100, np.int8), columns, [0, 2, 3, 3]), (3, 4))
+        twice, plain = (np.full(3, 100, np.int8), columns, [0, 2, 3, 3]), whole(3, 4)
+        stale = sparse.csr_matrix((np.full(3, 100.0), *twice[1:]), (3, 4))
         stale.has_canonical_format = True  # as where a host changes the columns in place
-        plain = sparse.csr_matrix(whole(3, 4))
-        for matrix in [*map(plain.asformat, ("csr", "csc", "bsr", "dia", "lil", "dok")), stale,
+        formats = "csr", "csc", "bsr", "coo", "dia", "lil", "dok"
+        for matrix in [*(sparse.csr_matrix(plain.astype(dtype)).asformat(each) for each in formats for dtype in (float, np.int8)),
+                       stale, sparse.csr_matrix(twice, (3, 4)), sparse.csc_matrix(twice, (4, 3)).astype(float),
+                       sparse.csr_matrix((np.ones(3), [3, 0, 1], [0, 2, 3, 3]), (3, 4)),
                        sparse.coo_matrix((np.ones(3), (rows, columns)), (3, 4)),
                        sparse.csc_matrix((3, 4)), sparse.csr_array((0, 4))]:
             with self.subTest(repr(matrix)):
-                before = matrix.copy()
+                state = content(matrix)
                 val, col_ind, row_ptr = arrays = cp.from_scipy(matrix)
-                made = to_scipy(*arrays, matrix.shape)
+                made = cp.to_scipy(*arrays, matrix.shape)
                 self.assertTrue(made.has_canonical_format)  # a column stands once in a row
-                np.testing.assert_array_equal(made.toarray(), before @ np.eye(before.shape[1]))
                 self.assertEqual([each.dtype for each in arrays], [np.float64, np.int64, np.int64])
                 self.assertEqual([val.size, col_ind.size], 2 * [max(1, row_ptr[-1] - 1)])
-                for name, value in vars(before).items():
-                    np.testing.assert_array_equal(getattr(matrix, name), value)
+                val[:], col_ind[:] = 7, 1  # arrays of their own
+                np.testing.assert_array_equal(made.toarray(), matrix @ np.eye(matrix.shape[1]))
+                np.testing.assert_equal(content(matrix), state)
         with self.assertRaisesRegex(TypeError, "complex128"):
             cp.from_scipy(sparse.csr_matrix([[1j]]))
 
@@ -148,10 +164,24 @@ class Module(unittest.TestCase):
                 for operand in b, b[:, 1]:
                     with self.assertRaisesRegex(TypeError, "complex128"):
                         operator @ (1j * operand)
-        one, two = np.ones(1), np.array([1, 2])
-        for arrays in (one[:0], two, two), (one, two[:0], two), (one, two, two[:1]), (one, two - 1, two), (one, two + 2, two):
-            with self.assertRaisesRegex(ValueError, "not .* of a? ?matrix of 1 x 2$|not a matrix of 1 x 2$"):
-                cp.linear_operator(*arrays, (1, 2))
+        val, col_ind, row_ptr = np.ones(2), np.array([2, 1]), np.array([1, 2, 3])
+        for arrays, error, message in [
+            ((val[:1], col_ind, row_ptr), ValueError, "not a matrix of 2 x 2"),
+            ((val, col_ind[:1], row_ptr), ValueError, "not a matrix of 2 x 2"),
+            ((val, col_ind, row_ptr[:2]), ValueError, "not a matrix of 2 x 2"),
+            ((val, col_ind, row_ptr - 1), ValueError, "not a matrix of 2 x 2"),
+            ((val, col_ind, np.array([1, 2000000, 3])), ValueError, "not a matrix of 2 x 2"),
+            ((val, col_ind - 1, row_ptr), ValueError, "^col_ind: not the columns of a matrix of 2 x 2"),
+            ((val, col_ind + 1, row_ptr), ValueError, "^col_ind: not the columns of a matrix of 2 x 2"),
+            (([1.0, 1.0], col_ind, row_ptr), TypeError, "^val: must be a NumPy array of float64, not list"),
+            ((val, col_ind.astype(np.int32), row_ptr), TypeError, "^col_ind: must be an array of int64, not of int32"),
+            ((val, col_ind, None), TypeError, "^row_ptr: must be a NumPy array"),
+        ]:
+            for function in cp.linear_operator, cp.to_scipy:
+                with self.subTest(arrays=arrays), self.assertRaisesRegex(error, message):
+                    function(*arrays, (2, 2))
+        with self.assertRaisesRegex(ValueError, "not a matrix of -1 x 2"):
+            cp.to_scipy(val, col_ind, row_ptr[:0], (-1, 2))
 
 
 if __name__ == "__main__":

@@ -176,33 +176,38 @@ void measure_transposed_products(const HostMatrix& matrix, const Started& starte
         [&] { expected_dense = MatrixXd(EigenMatrix(a.eigen() * EigenMatrix(a.eigen().transpose()))); });
 
     MatrixXd dense(m, m);
-    const double dense_milliseconds = median_milliseconds([&] {
-        spgmatspgmattr_gmat_mkl_int64_new(m, a.cols(), m, a.val(), a.col_ind(), a.row_ptr(), a.val(), a.col_ind(),
-                                          a.row_ptr(), dense.data());
-    });
-    table.push_back({"A*A^T dense", slab, m * m, dense_milliseconds, eigen_dense_milliseconds,
-                     relative_difference(dense, expected_dense, bound)});
-
     CsrResult c(m);
-    const double count_milliseconds = median_milliseconds([&] { c.multiply(1, a); });
+    const HostMatrix changed(-3.0 * a.eigen()); // the same structure with other values
     const auto expected_row_ptr =
         Eigen::Map<const Eigen::Matrix<Int, Eigen::Dynamic, 1>>(expected.outerIndexPtr(), m + 1);
-    table.push_back(
-        {"A*A^T count", slab, c.stored(), count_milliseconds, none,
-         relative_difference(c.row_ptr.cast<double>(), (expected_row_ptr.array() + 1).matrix().cast<double>(), 0)});
-
-    const double finish_milliseconds = median_milliseconds([&] { c.multiply(1, a); }, [&] { c.multiply(2, a); });
-    table.push_back({"A*A^T finish", slab, c.stored(), finish_milliseconds, eigen_milliseconds,
-                     relative_difference(c.dense(), expected_dense, bound)});
-
-    const double csr_milliseconds = median_milliseconds([&] { c.multiply(0, a); });
-    table.push_back({"A*A^T CSR", slab, c.stored(), csr_milliseconds, eigen_milliseconds,
-                     relative_difference(c.dense(), expected_dense, bound)});
-
-    const HostMatrix changed(-3.0 * a.eigen()); // the same structure with other values
-    const double refresh_milliseconds = median_milliseconds([&] { c.multiply(2, changed); });
-    table.push_back({"A*A^T refresh", slab, c.stored(), refresh_milliseconds, eigen_milliseconds,
-                     relative_difference(c.dense(), 9.0 * expected_dense, bound)});
+    const auto nothing = [] {};
+    const auto count = [&] { c.multiply(1, a); };
+    const auto difference = [&] { return relative_difference(c.dense(), expected_dense, bound); };
+    const struct {
+        const char* product;
+        double eigen_milliseconds;
+        std::function<void()> prepare, run;
+        std::function<std::optional<double>()> difference;
+    } rows[] = {{"A*A^T dense", eigen_dense_milliseconds, nothing,
+                 [&] {
+                     spgmatspgmattr_gmat_mkl_int64_new(m, a.cols(), m, a.val(), a.col_ind(), a.row_ptr(), a.val(),
+                                                       a.col_ind(), a.row_ptr(), dense.data());
+                 },
+                 [&] { return relative_difference(dense, expected_dense, bound); }},
+                {"A*A^T count", none, nothing, count,
+                 [&] {
+                     return relative_difference(c.row_ptr.cast<double>(),
+                                                (expected_row_ptr.array() + 1).matrix().cast<double>(), 0);
+                 }},
+                {"A*A^T finish", eigen_milliseconds, count, [&] { c.multiply(2, a); }, difference},
+                {"A*A^T CSR", eigen_milliseconds, nothing, [&] { c.multiply(0, a); }, difference},
+                {"A*A^T refresh", eigen_milliseconds, nothing, [&] { c.multiply(2, changed); },
+                 [&] { return relative_difference(c.dense(), 9.0 * expected_dense, bound); }}};
+    for (const auto& row : rows) {
+        const double milliseconds = median_milliseconds(row.prepare, row.run);
+        const Int stored = &row == rows ? dense.size() : c.stored();
+        table.push_back({row.product, slab, stored, milliseconds, row.eigen_milliseconds, row.difference()});
+    }
 }
 
 } // namespace

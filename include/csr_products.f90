@@ -27,8 +27,8 @@ module csr_products
       integer(ip), value :: ldb, m, k, n, ldc
       real(dp), intent(inout) :: c(*)
     end subroutine
-    !> C := A*B, A symmetric by its upper triangle. With m < k, this and the
-    !> other _S may write beyond the m rows of C, and behind C.
+    !> C := A*B, A symmetric by its upper triangle. This and the other _S may
+    !> write beyond the m rows of C and behind C (m < k), or read beyond the k rows of B and behind B (m > k).
     subroutine spgmatgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, n, c) &
         bind(C, name="_Z22spgmatgmat_mkl_S_int64PdPlS0_S_lllS_")
       import :: ip, dp
@@ -111,10 +111,10 @@ module csr_products
       real(dp), intent(inout) :: c(*)
     end subroutine
     !> C := A*B^T, one-based CSR: stage 0 in one call, 1 a count, 2 its finish or a refresh of the values.
-    !> c_val and c_col_ind hold m*n elements each. Stage 2 needs c_col_ind and c_row_ptr; it writes nothing
-    !> where the product has no entries. Warning: stage 2 takes operands with the structure that they had
-    !> at the count or the product. A refresh takes c_col_ind and c_row_ptr unchecked: they must stand as
-    !> that product left them, in that order.
+    !> c_val and c_col_ind hold m*n elements each, at the finish too; for a refresh, the stored entries alone.
+    !> Stage 2 writes nothing where the product has no entries. Warning: stage 2 takes operands with the
+    !> structure that they had at the count or the product. A refresh takes c_col_ind and c_row_ptr unchecked:
+    !> they must stand as that product left them, in that order.
     subroutine spgmatspgmattr_mkl_int64_new(stage, m, k, n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr, &
         ignored_count, c_val, c_col_ind, c_row_ptr, ignored_result) &
         bind(C, name="_Z28spgmatspgmattr_mkl_int64_newllllPdPlS0_S_S0_S0_lS_S0_S0_Rl")

@@ -67,7 +67,8 @@
 /// A is m x k and sparse. `_G` takes A as it stands. `_S` treats A as symmetric (m = k): it uses the
 /// entries on and above the diagonal, and mirrors them. Those below may be stored or not. They may be
 /// read, but they never reach the result, even where they are NaN. With m < k, `_S` may write k rows of
-/// each column of C: between m and ldc, and behind C where ldc < k.
+/// each column of C: between m and ldc, and behind C where ldc < k. With m > k, it may read m rows of each
+/// column of B: up to (n-1)*ldb + m elements, and behind B where ldb < m.
 ///
 /// The short forms imply the leading dimensions k for B and m for C. The long forms take `ldb` >= k
 /// and `ldc` >= m. B holds ldb*n elements, C holds ldc*n. MKL does not check leading dimensions.
@@ -229,8 +230,9 @@ void spgmatspgmattr_gmat_mkl_int64_new(
 /// them: the stored entries first, then zeros. A refresh needs the stored entries alone.
 ///
 /// An output array that is null is not written. Stage 2 needs `c_col_ind` and `c_row_ptr`: with either
-/// null it writes nothing. One call with a null `c_val`, then a refresh into the stored entries, takes half
-/// the memory. A count with `c_val` and `c_col_ind` null takes no m*n elements at all.
+/// null it writes nothing. A count with `c_val` and `c_col_ind` null takes no m*n elements, but its finish
+/// does: arrays of the counted nnz are too short for it. One call with a null `c_val`, then a refresh, takes
+/// m*n elements of `c_col_ind`, and of `c_val` the stored entries alone.
 ///
 /// nnz is c_row_ptr[m] - 1. The column numbers within a row come in MKL's order, which need not be
 /// ascending. That order depends on nothing but this row of A and the rows of B that share a column with
@@ -261,7 +263,7 @@ void spgmatspgmattr_gmat_mkl_int64_new(
 /// columns that these rows of A do not have may be left out. This takes memory for the entries of C and for
 /// one smaller product at a time, each of which leaves a handle; `examples/large` shows it.
 ///
-/// Each call that computes the structure of C leaves one MKL handle behind: stages 0 and 1, and stage 2
+/// Each call that computes the structure of C may leave one MKL handle behind: stages 0 and 1, and stage 2
 /// after a count. With some releases of MKL a product that MKL refuses leaves one too. A refresh leaves
 /// none. A handle takes 17 to 26 KB, by the release.
 ///

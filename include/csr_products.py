@@ -174,7 +174,8 @@ def spgmatgmat_mkl_S_int64(val: Doubles, col_ind: Indices, row_ptr: Indices, b: 
                            m: Int64, k: Int64, n: Int64, c: DoublesOut):
     """C := A*B, A symmetric by its upper triangle.
 
-    With m < k, this and the other _S may write beyond the m rows of C, and behind C.
+    This and the other _S may write beyond the m rows of C and behind C (m < k), or read beyond the k rows of B and
+    behind B (m > k).
     """
 
 
@@ -239,9 +240,9 @@ def spgmatspgmattr_mkl_int64_new(stage: Int64, m: Int64, k: Int64, n: Int64,
                                  ignored_result: IndicesOrNone):
     """C := A*B^T, one-based CSR: `stage` 0 in one call, 1 a count, 2 its finish or a refresh of the values.
 
-    c_val and c_col_ind hold m*n elements each, all of which are written; for a refresh, the stored entries alone.
-    c_row_ptr holds m + 1. An output that is None is not written. Stage 2 needs c_col_ind and c_row_ptr; it writes
-    nothing where the product has no entries. ignored_result may be None.
+    c_val and c_col_ind hold m*n elements each, all of which are written, at the finish too; for a refresh, the stored
+    entries alone. c_row_ptr holds m + 1. An output that is None is not written. Stage 2 needs c_col_ind and
+    c_row_ptr; it writes nothing where the product has no entries. ignored_result may be None.
 
     Warning: stage 2 takes operands with the structure that they had at the count or the product. A refresh takes
     c_col_ind and c_row_ptr unchecked: they must stand as that product left them, in that order.

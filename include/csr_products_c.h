@@ -26,8 +26,8 @@ void spgmatgmat_mkl_G_int64_ld(const double* val, const int64_t* col_ind, const 
     int64_t ldb, int64_t m, int64_t k, int64_t n, double* c, int64_t ldc)
     __asm__("_Z22spgmatgmat_mkl_G_int64PdPlS0_S_llllS_l");
 
-/// C := A*B, A symmetric by its upper triangle. With m < k, this and the other
-/// `_S` may write beyond the m rows of C, and behind C.
+/// C := A*B, A symmetric by its upper triangle. This and the other `_S` may write beyond the m rows
+/// of C and behind C (m < k), or read beyond the k rows of B and behind B (m > k).
 void spgmatgmat_mkl_S_int64(const double* val, const int64_t* col_ind, const int64_t* row_ptr, const double* b,
     int64_t m, int64_t k, int64_t n, double* c) __asm__("_Z22spgmatgmat_mkl_S_int64PdPlS0_S_lllS_");
 /// C := A*B, A symmetric by its upper triangle, with leading dimensions.
@@ -69,8 +69,9 @@ void spgmatspgmattr_gmat_mkl_int64_new(int64_t m, int64_t k, int64_t n,
     double* c) __asm__("_Z33spgmatspgmattr_gmat_mkl_int64_newlllPdPlS0_S_S0_S0_S_");
 
 /// C := A*B^T, one-based CSR: `stage` 0 in one call, 1 a count, 2 its finish or a refresh of the values.
-/// `c_val` and `c_col_ind` hold m*n elements each. Stage 2 needs `c_col_ind` and `c_row_ptr`; it writes
-/// nothing where the product has no entries. `ignored_result` may be null.
+/// `c_val` and `c_col_ind` hold m*n elements each, at the finish too; for a refresh, the stored entries alone.
+/// A null output is not written. Stage 2 needs `c_col_ind` and `c_row_ptr`; it writes nothing where the
+/// product has no entries. `ignored_result` may be null.
 /// @warning Stage 2 takes operands with the structure that they had at the count or the product. A refresh
 /// takes `c_col_ind` and `c_row_ptr` unchecked: they must stand as that product left them, in that order.
 void spgmatspgmattr_mkl_int64_new(int64_t stage, int64_t m, int64_t k, int64_t n,

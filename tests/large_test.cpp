@@ -1,5 +1,6 @@
-// Products that 32 bits cannot count: more than 2^31 stored entries or elements of a result. The arrays take little memory: one block is mapped again and again
-// over the addresses of an array, so that its elements repeat with a period. Slow, and left out of scripts/test.
+// Products that 32 bits cannot count: more than 2^31 stored entries or elements of a result. The arrays take little
+// memory: one block is mapped again and again over the addresses of an array, so that its elements repeat with a
+// period. Slow, and left out of scripts/test.
 
 #include "entries.h"
 

@@ -19,7 +19,6 @@ inline int terminal_columns() {
 // A line on the terminal that each new one overwrites, cut to its width; nothing where there is no terminal.
 class ProgressLine {
 public:
-    explicit ProgressLine(int columns = terminal_columns()) : columns_(columns) {}
     ~ProgressLine() { show(""); }
 
     void show(const std::string& text) const {
@@ -29,5 +28,5 @@ public:
     }
 
 private:
-    int columns_;
+    int columns_ = terminal_columns();
 };

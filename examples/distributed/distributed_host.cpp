@@ -4,14 +4,12 @@
 #include "comparison.h"
 #include "distributed_operator.h"
 #include "matrix_source.h"
-#include "progress_line.h"
 
 #include <fmt/format.h>
 
 #include <array>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -127,27 +125,6 @@ PetscErrorCode read_options(Options& options) {
     return PetscErrorCode{};
 }
 
-// Shows the iterations. The ranks write to pipes of mpirun's, so run-ranks says how wide the terminal is.
-class SolverProgress {
-public:
-    explicit SolverProgress(KSP solver) {
-        const auto show = [](KSP, PetscInt iteration, PetscReal norm, void* progress) {
-            static_cast<SolverProgress*>(progress)->line_.show(
-                fmt::format("iteration {}, residual {:.1e}", iteration, norm));
-            return PetscErrorCode{};
-        };
-        check(KSPMonitorSet(solver, show, this, nullptr));
-    }
-
-private:
-    static int columns() {
-        const char* const terminal = std::getenv("CSR_PRODUCTS_TERMINAL_COLUMNS");
-        return rank_of_this_process() == 0 && terminal != nullptr ? std::atoi(terminal) : 0;
-    }
-
-    ProgressLine line_{columns()};
-};
-
 // A solver as the options want it, by default conjugate gradients or BiCGStab. Preconditioners read PETSc's own matrix.
 KSP make_solver(Mat shell, Mat aij, bool symmetric) {
     KSP solver = nullptr;
@@ -179,15 +156,7 @@ bool solve(Mat aij, DistributedOperator& a, bool symmetric) {
     check(VecSet(x, 0.0)); // -ksp_initial_guess_nonzero starts from it
     check(VecNorm(b, NORM_2, &size));
     const double start = MPI_Wtime();
-    {
-        std::optional<SolverProgress> progress;
-        void* monitor = nullptr;
-        check(KSPGetMonitorContext(solver, static_cast<void*>(&monitor)));
-        if (monitor == nullptr) { // otherwise PETSc prints
-            progress.emplace(solver);
-        }
-        check(KSPSolve(solver, b, x));
-    }
+    check(KSPSolve(solver, b, x));
     const double seconds = MPI_Wtime() - start;
     check(KSPGetType(solver, &name));
     check(KSPGetConvergedReason(solver, &reason));

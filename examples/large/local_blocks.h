@@ -125,7 +125,9 @@ inline Csr structure_of_product(const CsrView& a, const CsrView& b, Int block_ro
     Csr c(a.rows, b.rows);
     Chosen columns(a.cols);
     Chosen met(b.rows);
-    Csr local_a, local_b, local_c; // for all blocks: new memory costs more than their products
+    Csr local_a; // for all blocks: new memory costs more than their products
+    Csr local_b;
+    Csr local_c;
     for (Int first = 1; first <= a.rows; first += block_rows) {
         const Int last = std::min(first + block_rows - 1, a.rows);
         columns.clear();

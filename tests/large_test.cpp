@@ -5,7 +5,6 @@
 #include "entries.h"
 
 #include <algorithm>
-#include <set>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -91,80 +90,30 @@ TEST(Entries, Products) {
     EXPECT_EQ(std::vector<double>(x, x + cols), expected);
 }
 
-constexpr Int result_rows = Int{1} << 14;
-constexpr Int result_columns = (two_to_31 + 2 * period) / result_rows;
-constexpr Int columns_of_period = period / result_rows;
-
-// One entry in each of the first rows and of the last ones: i % 8 + 1 in column i % 4.
-struct OneEntryARow : CsrArrays {
-    OneEntryARow(Int rows, Int at_each_end) {
-        for (Int i = 0; i < rows; ++i) {
-            row_ptr.push_back(Int(val.size()) + 1);
-            if (i < at_each_end || i >= rows - at_each_end) {
-                val.push_back(double(i % 8 + 1));
-                col_ind.push_back(i % 4 + 1);
-            }
+// One entry in each row of A. The first columns of the result have memory of their own; the others share theirs.
+TEST(Elements, MatrixProduct) {
+    constexpr Int rows = Int{1} << 14;
+    constexpr Int columns = (two_to_31 + 2 * period) / rows;
+    constexpr Int k = 4;
+    const Repeated<double> c(rows * columns);
+    std::vector<double> val;
+    std::vector<Int> col_ind;
+    std::vector<Int> row_ptr{1};
+    for (Int i = 0; i < rows; ++i) {
+        val.push_back(double(i % 8 + 1));
+        col_ind.push_back(i % k + 1);
+        row_ptr.push_back(i + 2);
+    }
+    std::vector<double> b;
+    for (Int p = 0; p < k * columns; ++p) {
+        b.push_back(double(p % (k * period / rows) % 11 + 1));
+    }
+    spgmatgmat_mkl_G_int64(val.data(), col_ind.data(), row_ptr.data(), b.data(), rows, k, columns, c.data());
+    for (const Int first : {Int{0}, rows * columns - period}) {
+        for (Int p = first; p < first + period; ++p) {
+            const Int i = p % rows;
+            ASSERT_EQ(c[p], val[size(i)] * b[size(i % k + p / rows * k)]) << p;
         }
-        row_ptr.push_back(Int(val.size()) + 1);
-    }
-};
-
-// A result in memory of its own for its first columns; the others share theirs.
-struct Elements : testing::Test {
-    OneEntryARow a{result_rows, result_rows};
-    OneEntryARow b{result_columns, columns_of_period};
-    Repeated<double> c{result_rows * result_columns};
-
-    // An element of A*B^T.
-    static double product(Int i, Int j) {
-        const bool stored = j < columns_of_period || j >= result_columns - columns_of_period;
-        return stored && i % 4 == j % 4 ? double((i % 8 + 1) * (j % 8 + 1)) : 0.0;
-    }
-
-    template <class Expected>
-    void expect_first_and_last_columns(Expected expected) {
-        for (const Int first : {Int{0}, result_rows * result_columns - period}) {
-            for (Int p = first; p < first + period; ++p) {
-                ASSERT_EQ(c[p], expected(p % result_rows, p / result_rows)) << p;
-            }
-        }
-    }
-};
-
-TEST_F(Elements, MatrixProduct) {
-    std::vector<double> dense;
-    for (Int p = 0; p < 4 * result_columns; ++p) {
-        dense.push_back(double(p % (4 * columns_of_period) % 11 + 1));
-    }
-    spgmatgmat_mkl_G_int64(a.val.data(), a.col_ind.data(), a.row_ptr.data(), dense.data(), result_rows, 4,
-                           result_columns, c.data());
-    expect_first_and_last_columns([&](Int i, Int j) { return double(i % 8 + 1) * dense[size(i % 4 + j * 4)]; });
-}
-
-// MKL adds into C, so of the columns that share memory only the last ones have entries.
-TEST_F(Elements, TransposedDense) {
-    multiply_dense(result_rows, 4, result_columns, a, b, c.data());
-    expect_first_and_last_columns(product);
-}
-
-// The entries stand in the first block, and zeros follow them.
-TEST_F(Elements, TransposedCsr) {
-    const Repeated<Int> col_ind(result_rows * result_columns);
-    std::vector<Int> row_ptr(result_rows + 1);
-    c[2 * period] = 1.0;
-    col_ind[2 * period] = 1;
-    multiply_csr(0, result_rows, 4, result_columns, a, b, {c.data(), col_ind.data(), row_ptr.data()});
-    Int p = 0;
-    for (Int i = 0; i < result_rows; ++i) {
-        std::set<Int> columns;
-        for (; p < row_ptr[size(i) + 1] - 1; ++p) {
-            columns.insert(col_ind[p]);
-            ASSERT_EQ(c[p], product(i, col_ind[p] - 1)) << i << ", " << col_ind[p];
-        }
-        ASSERT_EQ(Int(columns.size()), 2 * columns_of_period / 4);
-    }
-    for (; p < 2 * period; ++p) {
-        ASSERT_TRUE(c[p] == 0.0 && col_ind[p] == 0) << p;
     }
 }
 

@@ -41,8 +41,6 @@ endforeach()
 find_library(MklIlp64_OPENMP_LIBRARY NAMES iomp5 omp5 omp
     HINTS ${mkl_prefix} ${CMPLR_ROOT} ENV CMPLR_ROOT
     PATH_SUFFIXES ${mkl_library_dirs} linux/compiler/lib/intel64_lin)
-mark_as_advanced(MklIlp64_INCLUDE_DIR MklIlp64_intel_ilp64_ARCHIVE MklIlp64_intel_thread_ARCHIVE
-    MklIlp64_core_ARCHIVE MklIlp64_OPENMP_LIBRARY)
 
 file(REAL_PATH "${MklIlp64_OPENMP_LIBRARY}" MklIlp64_OPENMP_RUNTIME)
 get_filename_component(MklIlp64_OPENMP_RUNTIME "${MklIlp64_OPENMP_RUNTIME}" NAME)
@@ -110,7 +108,3 @@ if(MklIlp64_FOUND AND NOT TARGET MklIlp64::MklIlp64)
         -Wl,--start-group MklIlp64::intel_ilp64 MklIlp64::intel_thread MklIlp64::core -Wl,--end-group
         ${MklIlp64_OPENMP_LIBRARY} Threads::Threads m ${CMAKE_DL_LIBS})
 endif()
-
-foreach(variable IN ITEMS mkl_root mkl_prefix mkl_library_dirs mkl_version_header mkl_reason)
-    unset(${variable})
-endforeach()

@@ -7,12 +7,14 @@
 #include <cstdint>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <filesystem>
 #include <future>
 #include <numeric>
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 #include <vector>
 
@@ -124,6 +126,37 @@ TEST(Guest, BetweenAndWithinLoopsOfGnuOpenMp) {
         expect_product(multiply);
     }
 }
+
+// Each thread of a loop of GNU OpenMP has threads of MKL's of its own. The limit of MKL's runtime holds for the
+// thread that sets it, and for none where a count is set.
+using Limits = std::tuple<int, int, bool, bool>; // the count and the runtime's limit, 0 for none
+
+class GuestThreads : public testing::TestWithParam<Limits> {};
+
+TEST_P(GuestThreads, OfEachCaller) {
+    const auto [count, of_runtime, alone, alone_in_loop] = GetParam();
+    unsetenv("MKL_NUM_THREADS");
+    setenv("OMP_NUM_THREADS", "2", 1);
+    setenv("MKL_DYNAMIC", "FALSE", 1); // on one core too
+    void* const library = load();
+    const auto set = [&](const char* name, int threads) {
+        reinterpret_cast<void (*)(int)>(dlsym(library, name))(threads);
+    };
+    const auto tasks = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
+    set("_Z28qz_mkl_set_num_threads_int64i", count);
+    if (of_runtime > 0) {
+        set("omp_set_num_threads", of_runtime);
+    }
+    expect_product(multiply_of(library));
+    EXPECT_EQ(tasks() == 1, alone);
+#pragma omp parallel num_threads(4)
+    expect_product(multiply_of(library));
+    EXPECT_EQ(tasks() == 4, alone_in_loop);
+}
+
+INSTANTIATE_TEST_SUITE_P(Limits, GuestThreads,
+                         testing::Values(Limits{0, 0, false, false}, Limits{1, 0, true, true},
+                                         Limits{0, 1, true, false}, Limits{2, 1, false, false}));
 #endif
 
 TEST(Guest, ChildrenOfForksBeforeAndAfterACall) {

@@ -88,11 +88,10 @@ void run_rsb(const rsb_mtx_t* a, const Product& product, const double* b, Int ld
 // Gives the pages of an array of 8-byte elements back to the system, as a host does that makes it anew. Here malloc
 // would take the holes that other matrices have left.
 void drop_pages(void* array, Int elements) {
-    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    auto bytes = static_cast<std::size_t>(8 * elements);
-    if (std::align(page, page, array, bytes) != nullptr) {
-        madvise(array, bytes / page * page, MADV_DONTNEED);
-    }
+    const Int page = sysconf(_SC_PAGESIZE);
+    const Int before = page - reinterpret_cast<Int>(array) % page;
+    madvise(static_cast<char*>(array) + before, static_cast<std::size_t>((8 * elements - before) / page * page),
+            MADV_DONTNEED);
 }
 
 } // namespace

@@ -111,7 +111,7 @@ int main(int argc, char** argv) {
     const Int first_resident = resident_bytes();
     const Int first_leaking = leaking_calls;
     std::this_thread::sleep_for(std::chrono::duration<double>((1 - warm_up) * seconds));
-    const double growth = static_cast<double>(resident_bytes() - first_resident);
+    const auto growth = static_cast<double>(resident_bytes() - first_resident);
     const Int leaking = std::max<Int>(leaking_calls - first_leaking, 1);
     fmt::print("{} calls in {} s: {:.0f} bytes for each of {} that leave a handle\n", calls.load(), seconds,
                growth / static_cast<double>(leaking), leaking);

@@ -118,23 +118,12 @@ TEST(Guest, BesideADynamicMklWith32BitIntegers) {
 }
 
 #ifdef _OPENMP
-TEST(Guest, BetweenAndWithinLoopsOfGnuOpenMp) {
-    Multiply* const multiply = multiply_of(load());
-    for (int round = 0; round < 5; ++round) {
-        expect_product(multiply);
-#pragma omp parallel num_threads(4)
-        expect_product(multiply);
-    }
-}
-
 // Each thread of a loop of GNU OpenMP has threads of MKL's of its own. The limit of MKL's runtime holds for the
 // thread that sets it, and for none where a count is set.
-using Limits = std::tuple<int, int, bool, bool>; // the count and the runtime's limit, 0 for none
+class GuestOfGnuOpenMp : public testing::TestWithParam<std::tuple<int, int, bool, bool>> {};
 
-class GuestThreads : public testing::TestWithParam<Limits> {};
-
-TEST_P(GuestThreads, OfEachCaller) {
-    const auto [count, of_runtime, alone, alone_in_loop] = GetParam();
+TEST_P(GuestOfGnuOpenMp, BetweenAndWithinLoops) {
+    const auto [count, of_runtime, alone, alone_in_loop] = GetParam(); // 0: not set
     unsetenv("MKL_NUM_THREADS");
     setenv("OMP_NUM_THREADS", "2", 1);
     setenv("MKL_DYNAMIC", "FALSE", 1); // on one core too
@@ -149,14 +138,17 @@ TEST_P(GuestThreads, OfEachCaller) {
     }
     expect_product(multiply_of(library));
     EXPECT_EQ(tasks() == 1, alone);
+    for (int round = 0; round < 5; ++round) {
 #pragma omp parallel num_threads(4)
-    expect_product(multiply_of(library));
+        expect_product(multiply_of(library));
+        expect_product(multiply_of(library));
+    }
     EXPECT_EQ(tasks() == 4, alone_in_loop);
 }
 
-INSTANTIATE_TEST_SUITE_P(Limits, GuestThreads,
-                         testing::Values(Limits{0, 0, false, false}, Limits{1, 0, true, true},
-                                         Limits{0, 1, true, false}, Limits{2, 1, false, false}));
+INSTANTIATE_TEST_SUITE_P(Limits, GuestOfGnuOpenMp,
+                         testing::Values(std::tuple{0, 0, false, false}, std::tuple{1, 0, true, true},
+                                         std::tuple{0, 1, true, false}, std::tuple{2, 1, false, false}));
 #endif
 
 TEST(Guest, ChildrenOfForksBeforeAndAfterACall) {

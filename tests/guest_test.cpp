@@ -119,7 +119,8 @@ TEST(Guest, BesideADynamicMklWith32BitIntegers) {
 
 #ifdef _OPENMP
 // Each thread of a loop of GNU OpenMP has threads of MKL's of its own. The limit of MKL's runtime holds for the
-// thread that sets it, and for none where a count is set.
+// thread that sets it, and for none where a count is set. Where the host is on the same runtime, as Clang's are, a
+// thread in a loop computes alone.
 class GuestOfGnuOpenMp : public testing::TestWithParam<std::tuple<int, int, bool, bool>> {};
 
 TEST_P(GuestOfGnuOpenMp, BetweenAndWithinLoops) {
@@ -143,7 +144,8 @@ TEST_P(GuestOfGnuOpenMp, BetweenAndWithinLoops) {
         expect_product(multiply_of(library));
         expect_product(multiply_of(library));
     }
-    EXPECT_EQ(tasks() == 4, alone_in_loop);
+    const bool one_runtime = dlsym(RTLD_DEFAULT, "__kmpc_fork_call") != nullptr;
+    EXPECT_EQ(tasks() == 4, alone_in_loop || one_runtime);
 }
 
 INSTANTIATE_TEST_SUITE_P(Limits, GuestOfGnuOpenMp,

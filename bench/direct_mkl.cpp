@@ -5,6 +5,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <filesystem>
+#include <fstream>
 
 namespace direct {
 
@@ -27,8 +28,12 @@ std::string environment() {
     mkl_get_version(&version);
     Dl_info runtime{};
     dladdr(dlsym(RTLD_DEFAULT, "__kmpc_fork_call"), &runtime);
+    std::ifstream modes("/sys/kernel/mm/transparent_hugepage/enabled"); // the one in brackets holds
+    std::string huge_pages;
+    while (modes >> huge_pages && huge_pages.front() != '[') {
+    }
     return "oneMKL " MKL_RELEASE ", \"" + std::string(version.Processor) + "\", " +
-           std::filesystem::canonical(runtime.dli_fname).filename().string();
+           std::filesystem::canonical(runtime.dli_fname).filename().string() + ", transparent huge pages " + huge_pages;
 }
 
 void multiply_vector(const CsrOperand& a, const double* x, double beta, double* y) {

@@ -12,7 +12,8 @@ namespace direct {
 using csr_products::CsrOperand;
 using csr_products::DescriptorPreset;
 
-// What runs: the release of MKL, the processors that its kernels are for, and the OpenMP runtime.
+// What runs: the release of MKL, the processors that its kernels are for, the OpenMP runtime, and the mode of
+// transparent huge pages.
 std::string environment();
 
 // y := A*x + beta*y

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <fstream>
 #include <unistd.h>
 
 namespace {
@@ -16,10 +17,8 @@ using Multiply = void(double*, Int*, Int*, double*, Int, Int, double*);
 long resident_kilobytes() {
     long total = 0;
     long resident = 0;
-    std::FILE* const file = std::fopen("/proc/self/statm", "r");
-    const bool read = file != nullptr && std::fscanf(file, "%ld %ld", &total, &resident) == 2;
-    std::fclose(file);
-    return read ? resident * sysconf(_SC_PAGESIZE) / 1024 : -1;
+    std::ifstream("/proc/self/statm") >> total >> resident;
+    return resident * sysconf(_SC_PAGESIZE) / 1024;
 }
 
 template <class Step>

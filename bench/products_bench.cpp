@@ -1,5 +1,5 @@
 // Every product family on matrices of several kinds, by the entry and by its peers, and the machine's
-// limits. Names are product/matrix/columns/threads/contender.
+// limit. Names are product/matrix/columns/threads/contender.
 
 #include "contenders.h"
 #include "direct_mkl.h"
@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -22,18 +23,10 @@ namespace {
 
 constexpr Int greatest_columns = 32;
 constexpr double greatest_difference = 1e-12;
-constexpr Int limit_elements = 10'000'000; // of each of three arrays, far beyond the caches
+constexpr Int triad_elements = 10'000'000; // of each of three arrays, far beyond the caches
 
-// 1, 2, 4 ... and as many as the machine has.
-std::vector<int> thread_counts() {
-    const int most = static_cast<int>(std::max(std::thread::hardware_concurrency(), 1U));
-    std::vector<int> counts;
-    for (int count = 1; count < most; count *= 2) {
-        counts.push_back(count);
-    }
-    counts.push_back(most);
-    return counts;
-}
+// One, and as many as the machine has.
+const std::set<int> thread_counts{1, static_cast<int>(std::max(std::thread::hardware_concurrency(), 1U))};
 
 // What a product moves at the least: A once, B once, C once written, and read where it is not overwritten.
 std::int64_t traffic(const HostMatrix& a, const Product& product) {
@@ -89,8 +82,8 @@ void add_products(const std::string& name, const HostMatrix& a, bool symmetric, 
     for (const Product& product : products) {
         const auto peers = std::make_shared<Contest>(contest(a, product, b->data(), c->data()));
         for (const Contender& contender : peers->contenders) {
-            for (const int threads : thread_counts()) {
-                if (quick && (threads != thread_counts().back() || product.columns == greatest_columns)) {
+            for (const int threads : thread_counts) {
+                if (quick && (threads != *thread_counts.rbegin() || product.columns == greatest_columns)) {
                     continue;
                 }
                 add(fmt::format("{}/{}/{}/{}", product.name, name, product.columns, threads), threads,
@@ -104,29 +97,21 @@ void add_transposed(const std::string& product, const std::string& name, const H
                     const Contest& contest) {
     const auto peers = std::make_shared<Contest>(contest);
     for (const Contender& contender : peers->contenders) {
-        for (const int threads : thread_counts()) {
+        for (const int threads : thread_counts) {
             add(fmt::format("{}/{}/{}/{}", product, name, a.rows(), threads), threads, 32 * a.stored() + result_bytes,
                 peers, contender);
         }
     }
 }
 
-void add_limits() {
-    const auto arrays = std::make_shared<Eigen::MatrixXd>(Eigen::MatrixXd::Ones(limit_elements, 3));
+void add_triad() {
+    const auto arrays = std::make_shared<Eigen::MatrixXd>(Eigen::MatrixXd::Ones(triad_elements, 3));
     double* const x = arrays->data();
-    for (const int threads : thread_counts()) {
-        add(fmt::format("limit/triad/1/{}/triad", threads), threads, 24 * limit_elements, [arrays, x, threads] {
+    for (const int threads : thread_counts) {
+        add(fmt::format("limit/triad/1/{}/triad", threads), threads, 24 * triad_elements, [arrays, x, threads] {
 #pragma omp parallel for num_threads(threads) schedule(static)
-            for (Int i = 0; i < limit_elements; ++i) {
-                x[i] = x[limit_elements + i] + 3.0 * x[2 * limit_elements + i];
-            }
-        });
-        add(fmt::format("limit/copy/1/{}/copy", threads), threads, 16 * limit_elements, [arrays, x, threads] {
-#pragma omp parallel for num_threads(threads) schedule(static)
-            for (int part = 0; part < threads; ++part) {
-                const Int length = limit_elements / threads;
-                std::memcpy(x + part * length, x + limit_elements + part * length,
-                            static_cast<std::size_t>(8 * length));
+            for (Int i = 0; i < triad_elements; ++i) {
+                x[i] = x[triad_elements + i] + 3.0 * x[2 * triad_elements + i];
             }
         });
     }
@@ -150,7 +135,7 @@ int main(int argc, char** argv) {
         matrices.emplace("random-200k", HostMatrix(random_matrix(200'000, 200'000, 50)));
         matrices.emplace("power-law-200k", HostMatrix(power_law_matrix(200'000, 50)));
     }
-    add_limits();
+    add_triad();
     for (const auto& [name, a] : matrices) {
         add_products(name, a, name.rfind("poisson", 0) == 0, quick);
     }

@@ -7,12 +7,14 @@
 #include <cstdint>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <filesystem>
 #include <future>
 #include <numeric>
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 #include <vector>
 
@@ -116,14 +118,39 @@ TEST(Guest, BesideADynamicMklWith32BitIntegers) {
 }
 
 #ifdef _OPENMP
-TEST(Guest, BetweenAndWithinLoopsOfGnuOpenMp) {
-    Multiply* const multiply = multiply_of(load());
-    for (int round = 0; round < 5; ++round) {
-        expect_product(multiply);
-#pragma omp parallel num_threads(4)
-        expect_product(multiply);
+// Each thread of a loop of GNU OpenMP has threads of MKL's of its own. The limit of MKL's runtime holds for the
+// thread that sets it, and for none where a count is set. Where the host is on the same runtime, as Clang's are, a
+// thread in a loop computes alone.
+class GuestOfGnuOpenMp : public testing::TestWithParam<std::tuple<int, int, bool, bool>> {};
+
+TEST_P(GuestOfGnuOpenMp, BetweenAndWithinLoops) {
+    const auto [count, of_runtime, alone, alone_in_loop] = GetParam(); // 0: not set
+    unsetenv("MKL_NUM_THREADS");
+    setenv("OMP_NUM_THREADS", "2", 1);
+    setenv("MKL_DYNAMIC", "FALSE", 1); // on one core too
+    void* const library = load();
+    const auto set = [&](const char* name, int threads) {
+        reinterpret_cast<void (*)(int)>(dlsym(library, name))(threads);
+    };
+    const auto tasks = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
+    set("_Z28qz_mkl_set_num_threads_int64i", count);
+    if (of_runtime > 0) {
+        set("omp_set_num_threads", of_runtime);
     }
+    expect_product(multiply_of(library));
+    EXPECT_EQ(tasks() == 1, alone);
+    for (int round = 0; round < 5; ++round) {
+#pragma omp parallel num_threads(4)
+        expect_product(multiply_of(library));
+        expect_product(multiply_of(library));
+    }
+    const bool one_runtime = dlsym(RTLD_DEFAULT, "__kmpc_fork_call") != nullptr;
+    EXPECT_EQ(tasks() == 4, alone_in_loop || one_runtime);
 }
+
+INSTANTIATE_TEST_SUITE_P(Limits, GuestOfGnuOpenMp,
+                         testing::Values(std::tuple{0, 0, false, false}, std::tuple{1, 0, true, true},
+                                         std::tuple{0, 1, true, false}, std::tuple{2, 1, false, false}));
 #endif
 
 TEST(Guest, ChildrenOfForksBeforeAndAfterACall) {

@@ -231,8 +231,8 @@ void spgmatspgmattr_gmat_mkl_int64_new(
 ///
 /// An output array that is null is not written. Stage 2 needs `c_col_ind` and `c_row_ptr`: with either
 /// null it writes nothing. A count with `c_val` and `c_col_ind` null takes no m*n elements, but its finish
-/// does: arrays of the counted nnz are too short for it. One call with a null `c_val`, then a refresh, takes
-/// m*n elements of `c_col_ind`, and of `c_val` the stored entries alone.
+/// does, and c_col_ind[0] must be 0 there: arrays of the counted nnz are too short for it. One call with a
+/// null `c_val`, then a refresh, takes m*n elements of `c_col_ind`, and of `c_val` the stored entries alone.
 ///
 /// nnz is c_row_ptr[m] - 1. The column numbers within a row come in MKL's order, which need not be
 /// ascending. That order depends on nothing but this row of A and the rows of B that share a column with

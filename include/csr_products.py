@@ -34,14 +34,14 @@ __all__ = [
 
 
 def _load(name="libcsr_products.so.1"):
-    """Takes the library that the process holds, that LD_LIBRARY_PATH names, of this file's install tree, or that the
-    loader finds.
+    """Takes the library that the process holds, or the first one in the folders of LD_LIBRARY_PATH, in the install tree
+    that this file is in, or where the loader looks.
     """
     prefix = pathlib.Path(__file__).resolve().parent.parent
     named = [pathlib.Path(folder, name) for folder in os.environ.get("LD_LIBRARY_PATH", "").split(":") if folder]
     beside = [prefix / folder / name for folder in ("lib", "lib64", "lib/x86_64-linux-gnu")]
-    found = [str(path) for path in named + beside if path.exists()]
-    for path, mode in [(name, os.RTLD_NOLOAD), *((path, 0) for path in found), (name, 0)]:
+    found = next((str(path) for path in named + beside if path.exists()), name)
+    for path, mode in (name, os.RTLD_NOLOAD), (found, 0):
         try:
             return ctypes.CDLL(path, os.RTLD_NOW | mode)
         except OSError as error:
@@ -260,13 +260,15 @@ def from_scipy(matrix: Any) -> "tuple[Doubles, Indices, Indices]":
     Entries with the same place are summed, as in SciPy's products. val and col_ind hold an element each for a
     matrix without entries. A complex matrix is a TypeError.
     """
-    from scipy.sparse import csr_matrix  # type: ignore[import-untyped, unused-ignore]
+    from scipy.sparse import csr_matrix  # type: ignore
 
-    if matrix.dtype != np.float64:  # SciPy's astype would sum entries first, in their own type and in the host's matrix
-        matrix = matrix.tocoo(copy=True)
-        matrix.data = matrix.data.astype(np.float64, casting="same_kind")
-    csr = matrix.tocsr()
-    csr = csr_matrix((csr.data, csr.indices, csr.indptr), csr.shape)  # without flags, which may be stale
+    if matrix.format != "csr":
+        if matrix.dtype != np.float64:  # SciPy's astype would sum entries in their type first, and in the host's matrix
+            matrix = matrix.tocoo(copy=True)
+            matrix.data = matrix.data.astype(np.float64, casting="same_kind")
+        matrix = matrix.tocsr()
+    values = matrix.data.astype(np.float64, casting="same_kind", copy=False)
+    csr = csr_matrix((values, matrix.indices, matrix.indptr), matrix.shape)  # without flags, which may be stale
     if not csr.has_canonical_format:
         csr = csr.copy()  # the arrays may be the host's
         csr.sum_duplicates()
@@ -281,7 +283,7 @@ def _check_operand(val, col_ind, row_ptr, shape):
     """Raises what is wrong with a sparse operand of this shape. Returns its number of entries."""
     _refuse({"val": Doubles, "col_ind": Indices, "row_ptr": Indices}, (val, col_ind, row_ptr))
     m, k = shape
-    if (min(m, k) < 0 or row_ptr.size != m + 1 or row_ptr[0] != 1 or (row_ptr[1:] < row_ptr[:-1]).any()
+    if (min(m, k) < 0 or {val.ndim, col_ind.ndim, row_ptr.ndim} != {1} or row_ptr.size != m + 1 or row_ptr[0] != 1 or (row_ptr[1:] < row_ptr[:-1]).any()
             or min(val.size, col_ind.size) < row_ptr[-1] - 1):
         raise ValueError(f"val, col_ind, row_ptr: not a matrix of {m} x {k}")
     columns = col_ind[: row_ptr[-1] - 1]
@@ -293,10 +295,9 @@ def _check_operand(val, col_ind, row_ptr, shape):
 def to_scipy(val: Doubles, col_ind: Indices, row_ptr: Indices, shape: Any) -> Any:
     """Copies the stored entries of a sparse operand, as of a CSR product, into a csr_matrix of SciPy.
 
-    The columns of a row keep their order. Arrays that do not fit `shape` are a ValueError, as those that a product
-    without memory has left alone.
+    The columns of a row keep their order. Arrays that do not fit `shape` are a ValueError.
     """
-    from scipy.sparse import csr_matrix  # type: ignore[import-untyped, unused-ignore]
+    from scipy.sparse import csr_matrix  # type: ignore
 
     nnz = _check_operand(val, col_ind, row_ptr, shape)
     return csr_matrix((val[:nnz].copy(), col_ind[:nnz] - 1, row_ptr - 1), shape)
@@ -309,7 +310,7 @@ def linear_operator(val: Doubles, col_ind: Indices, row_ptr: Indices, shape: Any
     arrays anew, so that a host may change the values in between. Vectors and blocks may be of any real type, stride
     and order; a complex one is a TypeError. Arrays that do not fit `shape` are a ValueError.
     """
-    from scipy.sparse.linalg import LinearOperator  # type: ignore[import-untyped, unused-ignore]
+    from scipy.sparse.linalg import LinearOperator  # type: ignore
 
     _check_operand(val, col_ind, row_ptr, shape)
     m, k = shape

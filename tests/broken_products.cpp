@@ -62,6 +62,9 @@ void spgmatgvec_mkl_G_int64(double* val, Int* col_ind, Int* row_ptr, double* x, 
 
 void spgmatspgmattr_gmat_mkl_int64_new(Int m, Int k, Int n, double* a_val, Int* a_col_ind, Int* a_row_ptr,
                                        double* b_val, Int* b_col_ind, Int* b_row_ptr, double* c) noexcept {
+    if (variable("CSR_PRODUCTS_FAULT") == "no dense A*B^T") {
+        return;
+    }
     call_next("_Z33spgmatspgmattr_gmat_mkl_int64_newlllPdPlS0_S_S0_S0_S_", m, k, n, a_val, a_col_ind, a_row_ptr, b_val,
               b_col_ind, b_row_ptr, c);
     spoil(c, variable("CSR_PRODUCTS_FAULT") == "a dense A*B^T" ? m * n : 0);
@@ -70,6 +73,9 @@ void spgmatspgmattr_gmat_mkl_int64_new(Int m, Int k, Int n, double* a_val, Int* 
 void spgmatspgmattr_mkl_int64_new(Int stage, Int m, Int k, Int n, double* a_val, Int* a_col_ind, Int* a_row_ptr,
                                   double* b_val, Int* b_col_ind, Int* b_row_ptr, Int ignored_count, double* c_val,
                                   Int* c_col_ind, Int* c_row_ptr, Int& ignored_result) noexcept {
+    if (variable("CSR_PRODUCTS_FAULT") == "no stage " + std::to_string(stage)) {
+        return;
+    }
     call_next("_Z28spgmatspgmattr_mkl_int64_newllllPdPlS0_S_S0_S0_lS_S0_S0_Rl", stage, m, k, n, a_val, a_col_ind,
               a_row_ptr, b_val, b_col_ind, b_row_ptr, ignored_count, c_val, c_col_ind, c_row_ptr, &ignored_result);
     if (variable("CSR_PRODUCTS_FAULT") == "stage " + std::to_string(stage)) {

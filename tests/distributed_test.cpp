@@ -10,7 +10,7 @@
 #include <functional>
 #include <numeric>
 
-PETSC_EXTERN PetscErrorCode PetscObjectStateGet(PetscObject, PetscObjectState*); // which no installed header declares
+PETSC_EXTERN PetscErrorCode PetscObjectStateGet(PetscObject, PetscObjectState*); // from a header of PETSc's own
 
 namespace {
 
@@ -171,7 +171,8 @@ TEST(Distributed, ChangedMatrix) {
 
 // Of a matrix without entries too, no array is null.
 TEST(HostMatrix, WithoutEntries) {
-    const HostMatrix a(EigenMatrix(2, 3));
+    const std::vector<HostMatrix> matrices(1, HostMatrix(EigenMatrix(2, 3))); // a copy
+    const HostMatrix& a = matrices.front();
     std::vector<double> b(6, 1.0);
     std::vector<double> c(4, 7.0);
     spgmatgmat_mkl_G_int64(a.val(), a.col_ind(), a.row_ptr(), b.data(), 2, 3, 2, c.data());

@@ -1,6 +1,7 @@
 """The Python module against NumPy. Usage: PYTHONPATH=INCLUDE LD_LIBRARY_PATH=FOLDER python3 python_test.py"""
 
 import copy
+import ctypes
 import inspect
 import os
 import pathlib
@@ -103,6 +104,7 @@ class Module(unittest.TestCase):
     def test_interface(self):
         self.assertEqual(cp.__all__, sorted(name for name in dir(cp) if name in cp.__all__ or inspect.isfunction(
             getattr(cp, name)) and not name.startswith("_")))
+        self.assertIs(type(cp._library), ctypes.CDLL)  # which releases the interpreter's lock
         sources = pathlib.Path(cp.__file__).resolve().parent.parent
         self.assertIn(f"project(csr_products VERSION {cp.__version__} ", (sources / "CMakeLists.txt").read_text())
         for text in "c_val: written float64 array or None,", "a_row_ptr: int64 array,", "stage: int of 64 bits,":
@@ -170,6 +172,8 @@ class Module(unittest.TestCase):
             ((val, col_ind[:1], row_ptr), ValueError, "not a matrix of 2 x 2"),
             ((val, col_ind, row_ptr[:2]), ValueError, "not a matrix of 2 x 2"),
             ((val, col_ind, row_ptr - 1), ValueError, "not a matrix of 2 x 2"),
+            ((val, col_ind, np.array([2, 3, 3])), ValueError, "not a matrix of 2 x 2"),
+            ((val, col_ind, row_ptr.reshape(3, 1)), ValueError, "not a matrix of 2 x 2"),
             ((val, col_ind, np.array([1, 2000000, 3])), ValueError, "not a matrix of 2 x 2"),
             ((val, col_ind - 1, row_ptr), ValueError, "^col_ind: not the columns of a matrix of 2 x 2"),
             ((val, col_ind + 1, row_ptr), ValueError, "^col_ind: not the columns of a matrix of 2 x 2"),

@@ -8,8 +8,10 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -100,10 +102,15 @@ PetscErrorCode read_options(Options& options) {
     std::string problem;
     PetscOptionsBegin(PETSC_COMM_WORLD, nullptr, "Distributed host", nullptr);
     const auto read_number = [&](const char* name, const char* text, Int greatest, Int& value) {
-        std::array<char, 2> digit{'0'};
-        check(PetscOptionsInt(name, text, nullptr, value, &value, nullptr));
-        check(PetscOptionsGetString(nullptr, nullptr, name, digit.data(), digit.size(), nullptr));
-        if (digit[0] == '\0' || value < 1 || value > greatest) { // PETSc takes the default where no number follows
+        std::array<char, 24> word{}; // PETSc would take the default where no number follows
+        PetscBool has_word = PETSC_FALSE;
+        check(PetscOptionsString(name, text, nullptr, fmt::format("{}", value).c_str(), word.data(), word.size(),
+                                 &has_word));
+        const char* const end = word.data() + std::strlen(word.data());
+        if (has_word == PETSC_TRUE && (word[0] == '\0' || std::from_chars(word.data(), end, value).ptr != end)) {
+            value = 0;
+        }
+        if (value < 1 || value > greatest) {
             problem = fmt::format("{} takes a number from 1 to {}", name, greatest);
         }
     };

@@ -126,9 +126,12 @@ void measure_dense_products(const HostMatrix& a, bool symmetric, const Started& 
             [&](double* b, double* c) { spgmattrgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, n, c); });
 }
 
-// The arrays of a CSR result of m x m, with room for all m*m entries.
+// The arrays of a CSR result of m x m, with room for all m*m entries, and none so far.
 struct CsrResult {
-    explicit CsrResult(Int m) : val(m * m), col_ind(m * m), row_ptr(m + 1) {}
+    using Indices = Eigen::Matrix<Int, Eigen::Dynamic, 1>;
+
+    explicit CsrResult(Int m)
+        : val(Eigen::VectorXd::Constant(m * m, none)), col_ind(Indices::Ones(m * m)), row_ptr(Indices::Ones(m + 1)) {}
 
     void multiply(Int stage, const HostMatrix& a) {
         Int ignored = 0;
@@ -151,8 +154,8 @@ struct CsrResult {
     }
 
     Eigen::VectorXd val;
-    Eigen::Matrix<Int, Eigen::Dynamic, 1> col_ind;
-    Eigen::Matrix<Int, Eigen::Dynamic, 1> row_ptr;
+    Indices col_ind;
+    Indices row_ptr;
 };
 
 // A*A^T on the leading rows of the matrix, as many as fit: dense, and CSR by each stage.
@@ -178,9 +181,11 @@ void measure_transposed_products(const HostMatrix& matrix, const Started& starte
     MatrixXd dense(m, m);
     CsrResult c(m);
     const HostMatrix changed(-3.0 * a.eigen()); // the same structure with other values
-    const auto expected_row_ptr =
-        Eigen::Map<const Eigen::Matrix<Int, Eigen::Dynamic, 1>>(expected.outerIndexPtr(), m + 1);
-    const auto nothing = [] {};
+    const auto expected_row_ptr = Eigen::Map<const CsrResult::Indices>(expected.outerIndexPtr(), m + 1);
+    const auto clear = [&] {
+        dense.setConstant(none);
+        c = CsrResult(m);
+    };
     const auto count = [&] { c.multiply(1, a); };
     const auto difference = [&] { return relative_difference(c.dense(), expected_dense, bound); };
     const struct {
@@ -188,20 +193,20 @@ void measure_transposed_products(const HostMatrix& matrix, const Started& starte
         double eigen_milliseconds;
         std::function<void()> prepare, run;
         std::function<std::optional<double>()> difference;
-    } rows[] = {{"A*A^T dense", eigen_dense_milliseconds, nothing,
+    } rows[] = {{"A*A^T dense", eigen_dense_milliseconds, clear,
                  [&] {
                      spgmatspgmattr_gmat_mkl_int64_new(m, a.cols(), m, a.val(), a.col_ind(), a.row_ptr(), a.val(),
                                                        a.col_ind(), a.row_ptr(), dense.data());
                  },
                  [&] { return relative_difference(dense, expected_dense, bound); }},
-                {"A*A^T count", none, nothing, count,
+                {"A*A^T count", none, clear, count,
                  [&] {
                      return relative_difference(c.row_ptr.cast<double>(),
                                                 (expected_row_ptr.array() + 1).matrix().cast<double>(), 0);
                  }},
                 {"A*A^T finish", eigen_milliseconds, count, [&] { c.multiply(2, a); }, difference},
-                {"A*A^T CSR", eigen_milliseconds, nothing, [&] { c.multiply(0, a); }, difference},
-                {"A*A^T refresh", eigen_milliseconds, nothing, [&] { c.multiply(2, changed); },
+                {"A*A^T CSR", eigen_milliseconds, clear, [&] { c.multiply(0, a); }, difference},
+                {"A*A^T refresh", eigen_milliseconds, [] {}, [&] { c.multiply(2, changed); },
                  [&] { return relative_difference(c.dense(), 9.0 * expected_dense, bound); }}};
     for (const auto& row : rows) {
         const double milliseconds = median_milliseconds(row.prepare, row.run);

@@ -120,7 +120,7 @@ int main(int argc, char** argv) try {
         std::fputs("large_product: the product differs from Eigen's\n", stderr);
         return 2;
     }
-    if (std::fflush(stdout) != 0) {
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         std::fputs("large_product: standard output cannot be written\n", stderr);
         return 1;
     }

@@ -169,7 +169,8 @@ inline Csr structure_of_product(const CsrView& a, const CsrView& b, Int block_ro
     return c;
 }
 
-// New values for a structure that structure_of_product has left. A and B have the structure that they had there.
+// New values for a structure that structure_of_product has left. A and B have the structure that they had there. Where
+// memory runs out, all values stay as they were: a host that makes one of them NaN beforehand can tell.
 inline void refresh(const CsrView& a, const CsrView& b, Csr& c) {
     multiply(2, a, b, c.view());
 }

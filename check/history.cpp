@@ -76,7 +76,7 @@ Product* find(Predicate holds) noexcept {
 void check_stage(const Call& call, Findings& found) noexcept {
     const bool finishes = call.stage == 2 && is_counted(call.c);
     const std::optional<Product> now = call.stage == 2 ? product_of(call, finishes) : std::nullopt;
-    if (!now || now->b == now->c) { // both without entries
+    if (!now || (call.c.entries() == 0 && now->b == now->c)) { // both without entries
         return;
     }
     const Lock lock;

@@ -18,6 +18,8 @@ constexpr std::uintptr_t element_size = sizeof(double);
 constexpr std::uintptr_t page_size = 4096; // the smallest; larger ones are multiples
 constexpr int populate_read = 22;          // MADV_POPULATE_READ and WRITE, which older headers lack
 constexpr int populate_write = 23;
+// The page that this thread was granted last: small products write into one again and again.
+[[gnu::tls_model("initial-exec")]] thread_local std::uintptr_t granted = 0;
 constexpr std::uintptr_t address_space = std::uintptr_t{1} << 56;
 
 void* page_of(std::uintptr_t address) noexcept {
@@ -64,8 +66,10 @@ Int accessible_by_pages(std::uintptr_t first, Int count) noexcept {
 bool is_writable(const Block& block) noexcept {
     const auto first = reinterpret_cast<std::uintptr_t>(block.data);
     const auto is_refused = [](std::uintptr_t address) {
-        return madvise(page_of(address), 1, populate_write) == -1 && errno == EINVAL &&
-               madvise(page_of(address), 1, populate_read) == 0;
+        const bool refused = address / page_size != granted && madvise(page_of(address), 1, populate_write) == -1 &&
+                             errno == EINVAL && madvise(page_of(address), 1, populate_read) == 0;
+        granted = refused ? 0 : address / page_size;
+        return refused;
     };
     struct sigaction handler {};
     return !(is_refused(first) || is_refused(first + static_cast<std::uintptr_t>(block.extent()) * element_size - 1)) ||

@@ -71,8 +71,7 @@ void spgmatspgmattr_gmat_mkl_int64_new(Int m, Int k, Int n, double* a_val, Int* 
 void spgmatspgmattr_mkl_int64_new(Int stage, Int m, Int k, Int n, double* a_val, Int* a_col_ind, Int* a_row_ptr,
                                   double* b_val, Int* b_col_ind, Int* b_row_ptr, Int ignored_count,
                                   double* c_val, Int* c_col_ind, Int* c_row_ptr, Int& ignored_result) noexcept
-    { watch(sparse_csr, stage, m, k, n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr, ignored_count,
-            c_val, c_col_ind, c_row_ptr, &ignored_result); }
+    { watch(sparse_csr, stage, m, k, n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr, ignored_count, c_val, c_col_ind, c_row_ptr, &ignored_result); }
 
 void qz_mkl_set_num_threads_int64(int count) noexcept
     { watch(thread_count, count); }

@@ -10,7 +10,7 @@ using namespace csr_products::check;
 
 namespace {
 
-std::uint64_t load_time = 0;
+std::uint64_t load_time = nanoseconds_now();
 bool is_child = false; // its parent may have loaded the library that computes
 
 // Another library with these functions, whose calls do not come through here. The program itself is passed over: it
@@ -62,7 +62,6 @@ void start_child() {
 
 [[gnu::constructor]] void start() {
     open_output();
-    load_time = nanoseconds_now();
     pthread_atfork([] { pthread_mutex_lock(&Lock::mutex); }, [] { pthread_mutex_unlock(&Lock::mutex); }, start_child);
 }
 

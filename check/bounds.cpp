@@ -1,19 +1,12 @@
-#include "bounds.h"
+// What memory is there, asked of the system, AddressSanitizer and valgrind.
 
-#include <algorithm>
+#include "checks.h"
+
 #include <cerrno>
 #include <csignal>
 #include <sys/mman.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
 #include <unistd.h>
-
-#if __has_include(<valgrind/memcheck.h>)
-#include <valgrind/memcheck.h>
-#else // built without valgrind's header: arrays are then seen to the end of their pages under it
-#define RUNNING_ON_VALGRIND 0
-#define VALGRIND_CHECK_MEM_IS_ADDRESSABLE(address, size) 0
-#endif
 
 // Of AddressSanitizer's runtime, where the host has one: the first poisoned address, or null.
 extern "C" [[gnu::weak]] void* __asan_region_is_poisoned(void* address, std::size_t size);
@@ -23,25 +16,30 @@ namespace {
 
 constexpr std::uintptr_t element_size = sizeof(double);
 constexpr std::uintptr_t page_size = 4096; // the smallest; larger ones are multiples
+constexpr int populate_read = 22;          // MADV_POPULATE_READ and WRITE, which older headers lack
+constexpr int populate_write = 23;
+// The page that this thread was granted last: small products write into one again and again.
+[[gnu::tls_model("initial-exec")]] thread_local std::uintptr_t granted = 0;
 constexpr std::uintptr_t address_space = std::uintptr_t{1} << 56;
 
-// Asks the system for a change that it refuses. It reads the eight bytes before that, or says that it cannot. Valgrind
-// reports such a change, and copies the bytes.
-bool can_read(std::uintptr_t address) noexcept {
-    constexpr int no_change = -1;
-    std::uint64_t bytes = 0;
-    const iovec here{&bytes, sizeof bytes};
-    const iovec there{reinterpret_cast<void*>(address), sizeof bytes}; // NOLINT(performance-no-int-to-ptr)
-    return is_on_valgrind()
-               ? process_vm_readv(getpid(), &here, 1, &there, 1, 0) != -1
-               : syscall(SYS_rt_sigprocmask, no_change, address, nullptr, element_size) != -1 || errno != EFAULT;
+void* page_of(std::uintptr_t address) noexcept {
+    return reinterpret_cast<void*>(address / page_size * page_size); // NOLINT(performance-no-int-to-ptr)
 }
 
 // Asks the system to write the pages back at some time, which does nothing but look for pages that are not mapped.
+// Valgrind reports what lies between the arrays of a page.
 bool has_hole(std::uintptr_t first, std::uintptr_t last) noexcept {
-    const std::uintptr_t page = first / page_size * page_size;
-    void* const start = reinterpret_cast<void*>(page); // NOLINT(performance-no-int-to-ptr)
-    return msync(start, last - page + 1, MS_ASYNC) == -1 && errno == ENOMEM;
+    const Unreported pages;
+    return msync(page_of(first), last - first + first % page_size + 1, MS_ASYNC) == -1 && errno == ENOMEM;
+}
+
+// Asks the system for a change that it refuses. It reads the eight bytes before that, or says that it cannot. Valgrind
+// does not ask it.
+bool can_read(std::uintptr_t address) noexcept {
+    constexpr int no_change = -1;
+    return RUNNING_ON_VALGRIND != 0
+               ? !has_hole(address, address)
+               : syscall(SYS_rt_sigprocmask, no_change, address, nullptr, element_size) != -1 || errno != EFAULT;
 }
 
 Int accessible_by_pages(std::uintptr_t first, Int count) noexcept {
@@ -63,8 +61,19 @@ Int accessible_by_pages(std::uintptr_t first, Int count) noexcept {
 
 } // namespace
 
-bool is_on_valgrind() noexcept {
-    return RUNNING_ON_VALGRIND != 0;
+// Asks the system for the pages as a write would. It gives the same answer about a page that cannot be had for writing
+// and to a question that it does not know; only the former has a page for reading. A handler may let the write pass.
+bool is_writable(const Block& block) noexcept {
+    const auto first = reinterpret_cast<std::uintptr_t>(block.data);
+    const auto is_refused = [](std::uintptr_t address) {
+        const bool refused = address / page_size != granted && madvise(page_of(address), 1, populate_write) == -1 &&
+                             errno == EINVAL && madvise(page_of(address), 1, populate_read) == 0;
+        granted = refused ? 0 : address / page_size;
+        return refused;
+    };
+    struct sigaction handler {};
+    return !(is_refused(first) || is_refused(first + static_cast<std::uintptr_t>(block.extent()) * element_size - 1)) ||
+           sigaction(SIGSEGV, nullptr, &handler) != 0 || handler.sa_handler != SIG_DFL;
 }
 
 Int accessible(const Block& block) noexcept {
@@ -75,7 +84,7 @@ Int accessible(const Block& block) noexcept {
     const Int count = std::min(block.extent(), static_cast<Int>((address_space - first) / element_size));
     const std::size_t bytes = static_cast<std::size_t>(count) * element_size;
     // Memcheck first: it reports what the system is asked to read. Other tools of valgrind do not know.
-    std::uintptr_t bad = is_on_valgrind() ? VALGRIND_CHECK_MEM_IS_ADDRESSABLE(block.data, bytes) : 0;
+    std::uintptr_t bad = RUNNING_ON_VALGRIND != 0 ? VALGRIND_CHECK_MEM_IS_ADDRESSABLE(block.data, bytes) : 0;
     if (const Int readable = bad == 0 ? accessible_by_pages(first, count) : count; readable < count) {
         return readable;
     }

@@ -13,6 +13,11 @@ constexpr std::uint64_t as_unsigned(Int value) noexcept {
     return static_cast<std::uint64_t>(value);
 }
 
+constexpr std::uint64_t mix(std::uint64_t hash, std::uint64_t value) noexcept {
+    hash = (hash ^ value) * 0x9E3779B97F4A7C15;
+    return hash ^ (hash >> 32);
+}
+
 constexpr Int most_elements = std::numeric_limits<Int>::max();
 
 enum Property : unsigned { General = 0, Symmetric = 1, Transposed = 2, Accumulates = 4, NamedSum = 8, Long = 16 };
@@ -31,14 +36,6 @@ struct Entry {
     }
 };
 
-// An entry, and where it was called from. The default argument is evaluated in the entry that makes the site.
-struct Site {
-    Site(Entry& called, const void* address = __builtin_return_address(0)) noexcept : entry(called), caller(address) {}
-
-    Entry& entry;
-    const void* caller;
-};
-
 // Memory that a call reads or writes. All elements have eight bytes.
 struct Block {
     const char* name;
@@ -51,12 +48,9 @@ struct Block {
     // Elements from the first to the last, or as many as there can be.
     Int extent() const noexcept {
         Int elements = 0;
-        if (rows <= 0 || columns <= 0) {
-            return 0;
-        }
         const bool overflows = __builtin_mul_overflow(columns - 1, leading_dimension, &elements) ||
                                __builtin_add_overflow(elements, rows, &elements);
-        return overflows ? most_elements : elements;
+        return rows <= 0 || columns <= 0 ? 0 : overflows ? most_elements : elements;
     }
 };
 
@@ -75,16 +69,15 @@ struct Blocks {
 };
 
 struct SparseNames {
-    const char* matrix;
     const char* val;
     const char* col_ind;
     const char* row_ptr;
 };
 
-inline constexpr SparseNames OnlyNames{"A", "val", "col_ind", "row_ptr"};
-inline constexpr SparseNames ANames{"A", "a_val", "a_col_ind", "a_row_ptr"};
-inline constexpr SparseNames BNames{"B", "b_val", "b_col_ind", "b_row_ptr"};
-inline constexpr SparseNames CNames{"C", "c_val", "c_col_ind", "c_row_ptr"};
+inline constexpr SparseNames OnlyNames{"val", "col_ind", "row_ptr"};
+inline constexpr SparseNames ANames{"a_val", "a_col_ind", "a_row_ptr"};
+inline constexpr SparseNames BNames{"b_val", "b_col_ind", "b_row_ptr"};
+inline constexpr SparseNames CNames{"c_val", "c_col_ind", "c_row_ptr"};
 
 struct Sparse {
     const SparseNames* names;
@@ -101,8 +94,8 @@ struct Sparse {
 enum class Form { Vector, Matrix, SparseDense, SparseCsr, ThreadCount };
 
 struct Call {
-    Form form;
-    Site site;
+    Form form = Form::Vector;
+    Entry* entry = nullptr;
     Int m = 0;
     Int k = 0;
     Int n = 1;
@@ -114,52 +107,52 @@ struct Call {
     Int stage = 0;  // of the CSR product
     int threads = 0;
 
+    const void* caller = nullptr;
     Blocks blocks{};
     std::uint64_t number = 0; // in the process
     std::uint64_t start = 0;  // nanoseconds
     Call* next = nullptr;     // among the running calls
+    int cancellation = 0;     // the thread's state before
     bool leaves_structure = false;
 
-    bool has(Property property) const noexcept { return (site.entry.properties & property) != 0; }
+    bool has(Property property) const noexcept { return (entry->properties & property) != 0; }
     bool is_sparse_by_sparse() const noexcept { return form == Form::SparseDense || form == Form::SparseCsr; }
 };
 
 // The arguments of each form of call, as its entries take them.
 // clang-format off
 
-inline Call describe(const Site& site, double* val, Int* col_ind, Int* row_ptr, double* x, Int m, Int k, double* y) noexcept {
-    return {Form::Vector, site, m, k, 1, {&OnlyNames, m, k, val, col_ind, row_ptr}, {}, array("x", x, k), array("y", y, m, true)};
+inline Call describe(Entry& entry, double* val, Int* col_ind, Int* row_ptr, double* x, Int m, Int k, double* y) noexcept {
+    return {Form::Vector, &entry, m, k, 1, {&OnlyNames, m, k, val, col_ind, row_ptr}, {}, array("x", x, k), array("y", y, m, true)};
 }
 
-inline Call describe(const Site& site, double* val, Int* col_ind, Int* row_ptr, double* b, Int ldb, Int m, Int k, Int n,
+inline Call describe(Entry& entry, double* val, Int* col_ind, Int* row_ptr, double* b, Int ldb, Int m, Int k, Int n,
                      double* c, Int ldc) noexcept {
-    const bool transposed = (site.entry.properties & Transposed) != 0;
-    return {Form::Matrix, site, m, k, n, {&OnlyNames, m, k, val, col_ind, row_ptr}, {},
+    const bool transposed = (entry.properties & Transposed) != 0;
+    return {Form::Matrix, &entry, m, k, n, {&OnlyNames, m, k, val, col_ind, row_ptr}, {},
             {"b", b, transposed ? m : k, n, ldb, false}, {"c", c, transposed ? k : m, n, ldc, true}};
 }
 
-inline Call describe(const Site& site, double* val, Int* col_ind, Int* row_ptr, double* b, Int m, Int k, Int n, double* c) noexcept {
-    return describe(site, val, col_ind, row_ptr, b, k, m, k, n, c, m);
+inline Call describe(Entry& entry, double* val, Int* col_ind, Int* row_ptr, double* b, Int m, Int k, Int n, double* c) noexcept {
+    return describe(entry, val, col_ind, row_ptr, b, k, m, k, n, c, m);
 }
 
-inline Call describe(const Site& site, Int m, Int k, Int n, double* a_val, Int* a_col_ind, Int* a_row_ptr,
+inline Call describe(Entry& entry, Int m, Int k, Int n, double* a_val, Int* a_col_ind, Int* a_row_ptr,
                      double* b_val, Int* b_col_ind, Int* b_row_ptr, double* c) noexcept {
-    return {Form::SparseDense, site, m, k, n, {&ANames, m, k, a_val, a_col_ind, a_row_ptr},
+    return {Form::SparseDense, &entry, m, k, n, {&ANames, m, k, a_val, a_col_ind, a_row_ptr},
             {&BNames, n, k, b_val, b_col_ind, b_row_ptr}, {}, {"c", c, m, n, m, true}};
 }
 
-inline Call describe(const Site& site, Int stage, Int m, Int k, Int n, double* a_val, Int* a_col_ind, Int* a_row_ptr,
+inline Call describe(Entry& entry, Int stage, Int m, Int k, Int n, double* a_val, Int* a_col_ind, Int* a_row_ptr,
                      double* b_val, Int* b_col_ind, Int* b_row_ptr, Int /*ignored_count*/,
                      double* c_val, Int* c_col_ind, Int* c_row_ptr, Int* /*ignored_result*/) noexcept {
-    return {Form::SparseCsr, site, m, k, n, {&ANames, m, k, a_val, a_col_ind, a_row_ptr},
+    return {Form::SparseCsr, &entry, m, k, n, {&ANames, m, k, a_val, a_col_ind, a_row_ptr},
             {&BNames, n, k, b_val, b_col_ind, b_row_ptr}, {}, {"C", nullptr, m, n, m, true},
             {&CNames, m, n, c_val, c_col_ind, c_row_ptr}, stage};
 }
 
-inline Call describe(const Site& site, int threads) noexcept {
-    Call call{Form::ThreadCount, site};
-    call.threads = threads;
-    return call;
+inline Call describe(Entry& entry, int threads) noexcept {
+    return {Form::ThreadCount, &entry, 0, 0, 0, {}, {}, {}, {}, {}, 0, threads};
 }
 
 // clang-format on

@@ -1,10 +1,7 @@
 #include "checks.h"
 
-#include "bounds.h"
-
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <utility>
 #include <xmmintrin.h>
@@ -30,28 +27,50 @@ Text<100> refusal(const Call& call) noexcept {
 // Whether anything is computed with these dimensions, or the pointers of A must be looked at first: where A cannot be
 // wrapped, n has no effect.
 bool check_dimensions(const Call& call, Findings& found) noexcept {
-    for (const auto& [name, value] : {std::pair{"m", call.m}, {"k", call.k}}) {
-        if (value < 0) {
-            return found.error("{} = {} is negative, so {}", name, value, refusal(call).view());
-        }
+    if (call.m < 0 || call.k < 0) {
+        const bool is_m = call.m < 0;
+        return found.error("{} = {} is negative, so {}", is_m ? "m" : "k", is_m ? call.m : call.k,
+                           refusal(call).view());
     }
-    const bool is_wrapped = call.k > 0 && call.a.row_ptr != nullptr && call.a.col_ind != nullptr;
-    if (call.m == 0 || (call.n == 0 && (is_wrapped || call.k == 0))) {
-        found.note("{} = 0: nothing is computed", call.m == 0 ? "m" : "n");
-    } else if (call.n < 0 && (is_wrapped || call.k == 0)) {
+    const bool transposed = call.has(Transposed);
+    const Int summed = transposed ? call.m : call.k;
+    if ((transposed ? call.k : call.m) == 0) {
+        return false; // C has no rows
+    }
+    if (summed > 0 && (call.a.row_ptr == nullptr || call.a.col_ind == nullptr)) {
+        return true;
+    }
+    const Int* const c_end = call.c.row_ptr == nullptr || call.stage == 2 ? nullptr : call.c.row_ptr + call.m;
+    if (call.n == 0 && c_end != nullptr && (accessible(array("", c_end, 1)) == 0 || *c_end != 1)) {
+        found.error("n = 0: {} is left as it was, not set to 1", call.c.names->row_ptr);
+    } else if (call.n == 0) {
+        found.note("n = 0: nothing is computed");
+    } else if (call.n < 0) {
         found.error("n = {} is negative, so {} is left as it was", call.n, call.output.name);
-    } else if (call.k == 0 && !call.has(Accumulates)) {
-        found.error("k = 0: {} is left as it was, not set to 0", call.output.name);
+    } else if (summed == 0 && !call.has(Accumulates)) {
+        found.error("{} = 0: {} is left as it was, not set to 0", transposed ? "m" : "k", call.output.name);
     }
-    return call.m > 0 && call.k > 0 && (call.n > 0 || !is_wrapped);
+    return call.n > 0 && summed > 0;
 }
 
-// Whether the array is there as a whole.
+// Whether the array is there as a whole, and an output can be written.
 bool check_bounds(const Block& block, Findings& found) noexcept {
-    const Int there = accessible(block);
-    return there >= block.extent() ||
-           (block.data == nullptr ? found.error("{} is null", block.name)
-                                  : found.error("{} ends after {} of {} elements", block.name, there, block.extent()));
+    if (const Int there = accessible(block); there < block.extent()) {
+        return block.data == nullptr
+                   ? found.error("{} is null", block.name)
+                   : found.error("{} ends after {} of {} elements", block.name, there, block.extent());
+    }
+    return !block.written || block.extent() == 0 || is_writable(block) ||
+           found.error("{} cannot be written", block.name);
+}
+
+// What an index that is out of range may be, where the right ones are not above `most`.
+const char* hint(Int index, Int most) noexcept {
+    const std::uint64_t low = as_unsigned(index) % (std::uint64_t{1} << 32);
+    const std::uint64_t high = as_unsigned(index) >> 32;
+    const bool is_pair = high > 0 && std::max(low, high) <= as_unsigned(most) + 1; // a row pointer ends behind a row
+    const bool is_double = high >= 0x3FF00000 && high < 0x43E00000;                // from 1 to 2^63
+    return index == 0 ? "; indices count from 1" : is_pair ? "; 32-bit integers?" : is_double ? "; doubles?" : "";
 }
 
 // Whether the row pointer can be followed.
@@ -62,10 +81,9 @@ bool check_row_pointer(const Sparse& matrix, Findings& found) noexcept {
         return false;
     }
     if (const Int first = row_ptr[0]; first != 1) {
-        constexpr Int two_to_32 = Int{1} << 32;
-        const bool is_halved = first >= two_to_32 && first % two_to_32 <= 1;
-        const char* const hint = is_halved ? "; 32-bit integers?" : first == 0 ? "; indices count from 1" : "";
-        return found.error("{}[0] is {}, not 1{}", name, first, hint);
+        const bool is_unset = matrix.names == &CNames && first == 0 && row_ptr[matrix.rows] == 0;
+        return found.error("{}[0] is {}, not 1{}", name, first,
+                           is_unset ? "; no count or product left it" : hint(first, matrix.cols));
     }
     const Int i = std::is_sorted_until(row_ptr, row_ptr + matrix.rows + 1) - row_ptr;
     return i > matrix.rows ||
@@ -95,19 +113,6 @@ bool check_row_pointer(const Sparse& matrix, Findings& found) noexcept {
     return sign(outside) == 0 && descents == 0;
 }
 
-// The first column that stands twice in a row, or its end. `seen` has a zero bit for each column, and again afterwards;
-// without it this is slow, and right.
-const Int* find_twice(const Int* begin, const Int* end, std::uint64_t* seen) noexcept {
-    const auto is_seen = [&](const Int& column) {
-        const std::uint64_t bit = std::uint64_t{1} << (column % 64);
-        return seen == nullptr ? std::find(begin, &column, column) != &column
-                               : (std::exchange(seen[column / 64], seen[column / 64] | bit) & bit) != 0;
-    };
-    const Int* const twice = std::find_if(begin, end, is_seen);
-    std::for_each(begin, seen == nullptr ? begin : twice, [&](Int column) { seen[column / 64] = 0; });
-    return twice;
-}
-
 // Whether the columns are in range, and each at most once in its row. Rows count from 1 in what is reported.
 bool check_columns(const Sparse& matrix, Findings& found) noexcept {
     constexpr Int rows_at_once = 64; // so that the second loop finds the columns in the nearest cache
@@ -123,14 +128,21 @@ bool check_columns(const Sparse& matrix, Findings& found) noexcept {
         const auto is_outside = [&](Int column) { return column < 1 || column > matrix.cols; };
         if (const Int* const outside = std::find_if(begin, end, is_outside); outside != end) {
             return found.error("{}: column {} in row {} is outside 1...{}{}", name, *outside, i + 1, matrix.cols,
-                               *outside == 0 ? "; indices count from 1" : "");
+                               hint(*outside, matrix.cols));
         }
         if (seen == nullptr) {
             seen.reset(static_cast<std::uint64_t*>(std::calloc(static_cast<std::size_t>(matrix.cols / 64) + 1, 8)));
         }
-        if (const Int* const twice = find_twice(begin, end, seen.get()); twice != end) {
+        std::uint64_t* const bits = seen.get(); // of the columns, and zero again afterwards; null without memory
+        const auto is_seen = [&](Int column) {
+            const std::uint64_t bit = std::uint64_t{1} << (column % 64);
+            return (std::exchange(bits[column / 64], bits[column / 64] | bit) & bit) != 0;
+        };
+        const Int* const twice = bits == nullptr ? end : std::find_if(begin, end, is_seen);
+        if (twice != end) {
             return found.error("{}: column {} stands twice in row {}", name, *twice, i + 1);
         }
+        std::for_each(begin, bits == nullptr ? begin : end, [&](Int column) { bits[column / 64] = 0; });
     }
     return true;
 }
@@ -151,7 +163,7 @@ bool check_operand(Call& call, const Sparse& matrix, Findings& found) noexcept {
     } else if (&matrix == &call.b && entries == 0) {
         found.error("B has no entries, so C is left as it was");
     } else if (matrix.val == nullptr && entries > 0) {
-        found.error("{} is null, and {} has {} entries", names.val, names.matrix, entries);
+        found.error("{} is null, and {} has {} entries", names.val, &matrix == &call.b ? "B" : "A", entries);
     } else if (matrix.val == nullptr && (call.form == Form::Matrix || call.form == Form::SparseDense)) {
         found.error("{} is null, so {} is left as it was", names.val, call.output.name);
     } else {
@@ -213,8 +225,8 @@ void check_csr_outputs(Call& call, Findings& found) noexcept {
             call.blocks.add(output);
         }
     }
-    if (refreshes && !found.has_errors) {
-        check_columns(c, found);
+    if (refreshes && !found.has_errors && check_columns(c, found) && c.val == nullptr) {
+        found.note("{} is null, so stage 2 writes nothing", c.names->val);
     }
 }
 
@@ -238,22 +250,17 @@ std::uint64_t bits_of(const double& value) noexcept {
 // A symmetric A is given by its entries on and above the diagonal. Those below are compared by a sum of hashes.
 void note_lower_triangle(const Sparse& a, Findings& found) noexcept {
     std::uint64_t difference = 0;
-    Int above = 0;
-    Int below = 0;
+    bool has_lower = false;
     for (Int i = 1; i <= a.rows; ++i) {
         for (Int p = a.row_ptr[i - 1] - 1; p < a.row_ptr[i] - 1; ++p) {
             const Int j = a.col_ind[p];
-            const std::uint64_t place = as_unsigned(std::min(i, j)) * 0x9E3779B97F4A7C15 + as_unsigned(std::max(i, j));
             const std::uint64_t hash =
-                (bits_of(a.val[p]) + (place ^ (place >> 29)) * 0xBF58476D1CE4E5B9) * 0x94D049BB133111EB;
-            above += j > i ? 1 : 0;
-            below += j < i ? 1 : 0;
-            difference += j == i ? 0 : (hash ^ (hash >> 31)) * as_unsigned(j > i ? 1 : -1);
+                mix(mix(as_unsigned(std::min(i, j)), as_unsigned(std::max(i, j))), bits_of(a.val[p]));
+            has_lower |= j < i;
+            difference += j == i ? 0 : j > i ? hash : 0 - hash;
         }
     }
-    if (below > 0 && above == 0) {
-        found.note("A has no entry above the diagonal, and those below have no effect");
-    } else if (below > 0 && difference != 0) {
+    if (has_lower && difference != 0) {
         found.note("the entries of A below the diagonal are not those above, and have no effect");
     }
 }
@@ -327,7 +334,7 @@ bool check_arguments(Call& call, Findings& found) noexcept {
                 call.blocks.add(block);
             }
         }
-        if (!found.has_errors && !is_on_valgrind()) { // which would report values that need not be defined
+        if (!found.has_errors && RUNNING_ON_VALGRIND == 0) { // which would report values that need not be defined
             note_meaning(call, found);
         }
     }

@@ -29,65 +29,51 @@ Entry* const csr_products::check::entries[13] = {
 
 // clang-format off
 
-void spgmatgmat_mkl_G_int64(double* val, Int* col_ind, Int* row_ptr, double* b, Int m, Int k, Int n, double* c) noexcept {
-    watch(matrix_G, val, col_ind, row_ptr, b, m, k, n, c);
-}
+void spgmatgmat_mkl_G_int64(double* val, Int* col_ind, Int* row_ptr, double* b, Int m, Int k, Int n, double* c) noexcept
+    { watch(matrix_G, val, col_ind, row_ptr, b, m, k, n, c); }
 
 void spgmatgmat_mkl_G_int64(double* val, Int* col_ind, Int* row_ptr, double* b, Int ldb, Int m, Int k, Int n,
-                            double* c, Int ldc) noexcept {
-    watch(matrix_G_long, val, col_ind, row_ptr, b, ldb, m, k, n, c, ldc);
-}
+                            double* c, Int ldc) noexcept
+    { watch(matrix_G_long, val, col_ind, row_ptr, b, ldb, m, k, n, c, ldc); }
 
-void spgmatgmat_mkl_S_int64(double* val, Int* col_ind, Int* row_ptr, double* b, Int m, Int k, Int n, double* c) noexcept {
-    watch(matrix_S, val, col_ind, row_ptr, b, m, k, n, c);
-}
+void spgmatgmat_mkl_S_int64(double* val, Int* col_ind, Int* row_ptr, double* b, Int m, Int k, Int n, double* c) noexcept
+    { watch(matrix_S, val, col_ind, row_ptr, b, m, k, n, c); }
 
 void spgmatgmat_mkl_S_int64(double* val, Int* col_ind, Int* row_ptr, double* b, Int ldb, Int m, Int k, Int n,
-                            double* c, Int ldc) noexcept {
-    watch(matrix_S_long, val, col_ind, row_ptr, b, ldb, m, k, n, c, ldc);
-}
+                            double* c, Int ldc) noexcept
+    { watch(matrix_S_long, val, col_ind, row_ptr, b, ldb, m, k, n, c, ldc); }
 
 void spgmatgmatsum_mkl_G_int64(double* val, Int* col_ind, Int* row_ptr, double* b, Int ldb, Int m, Int k, Int n,
-                               double* c, Int ldc) noexcept {
-    watch(matrix_sum_G, val, col_ind, row_ptr, b, ldb, m, k, n, c, ldc);
-}
+                               double* c, Int ldc) noexcept
+    { watch(matrix_sum_G, val, col_ind, row_ptr, b, ldb, m, k, n, c, ldc); }
 
 void spgmatgmatsum_mkl_S_int64(double* val, Int* col_ind, Int* row_ptr, double* b, Int ldb, Int m, Int k, Int n,
-                               double* c, Int ldc) noexcept {
-    watch(matrix_sum_S, val, col_ind, row_ptr, b, ldb, m, k, n, c, ldc);
-}
+                               double* c, Int ldc) noexcept
+    { watch(matrix_sum_S, val, col_ind, row_ptr, b, ldb, m, k, n, c, ldc); }
 
-void spgmattrgmat_mkl_G_int64(double* val, Int* col_ind, Int* row_ptr, double* b, Int m, Int k, Int n, double* c) noexcept {
-    watch(transposed_G, val, col_ind, row_ptr, b, m, k, n, c);
-}
+void spgmattrgmat_mkl_G_int64(double* val, Int* col_ind, Int* row_ptr, double* b, Int m, Int k, Int n, double* c) noexcept
+    { watch(transposed_G, val, col_ind, row_ptr, b, m, k, n, c); }
 
-void spgmattrgmat_mkl_S_int64(double* val, Int* col_ind, Int* row_ptr, double* b, Int m, Int k, Int n, double* c) noexcept {
-    watch(transposed_S, val, col_ind, row_ptr, b, m, k, n, c);
-}
+void spgmattrgmat_mkl_S_int64(double* val, Int* col_ind, Int* row_ptr, double* b, Int m, Int k, Int n, double* c) noexcept
+    { watch(transposed_S, val, col_ind, row_ptr, b, m, k, n, c); }
 
-void spgmatgvec_mkl_G_int64(double* val, Int* col_ind, Int* row_ptr, double* x, Int m, Int k, double* y) noexcept {
-    watch(vector_G, val, col_ind, row_ptr, x, m, k, y);
-}
+void spgmatgvec_mkl_G_int64(double* val, Int* col_ind, Int* row_ptr, double* x, Int m, Int k, double* y) noexcept
+    { watch(vector_G, val, col_ind, row_ptr, x, m, k, y); }
 
-void spgmatgvecsum_mkl_G_int64(double* val, Int* col_ind, Int* row_ptr, double* x, Int m, Int k, double* y) noexcept {
-    watch(vector_sum_G, val, col_ind, row_ptr, x, m, k, y);
-}
+void spgmatgvecsum_mkl_G_int64(double* val, Int* col_ind, Int* row_ptr, double* x, Int m, Int k, double* y) noexcept
+    { watch(vector_sum_G, val, col_ind, row_ptr, x, m, k, y); }
 
 void spgmatspgmattr_gmat_mkl_int64_new(Int m, Int k, Int n, double* a_val, Int* a_col_ind, Int* a_row_ptr,
-                                       double* b_val, Int* b_col_ind, Int* b_row_ptr, double* c) noexcept {
-    watch(sparse_dense, m, k, n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr, c);
-}
+                                       double* b_val, Int* b_col_ind, Int* b_row_ptr, double* c) noexcept
+    { watch(sparse_dense, m, k, n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr, c); }
 
 // The last argument may be null in C: it goes on as the address that it is.
 void spgmatspgmattr_mkl_int64_new(Int stage, Int m, Int k, Int n, double* a_val, Int* a_col_ind, Int* a_row_ptr,
                                   double* b_val, Int* b_col_ind, Int* b_row_ptr, Int ignored_count,
-                                  double* c_val, Int* c_col_ind, Int* c_row_ptr, Int& ignored_result) noexcept {
-    watch(sparse_csr, stage, m, k, n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr, ignored_count,
-          c_val, c_col_ind, c_row_ptr, &ignored_result);
-}
+                                  double* c_val, Int* c_col_ind, Int* c_row_ptr, Int& ignored_result) noexcept
+    { watch(sparse_csr, stage, m, k, n, a_val, a_col_ind, a_row_ptr, b_val, b_col_ind, b_row_ptr, ignored_count, c_val, c_col_ind, c_row_ptr, &ignored_result); }
 
-void qz_mkl_set_num_threads_int64(int count) noexcept {
-    watch(thread_count, count);
-}
+void qz_mkl_set_num_threads_int64(int count) noexcept
+    { watch(thread_count, count); }
 
 // clang-format on

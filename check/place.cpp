@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <cxxabi.h>
-#include <dlfcn.h>
 #include <link.h>
 #ifdef CSR_PRODUCTS_HAS_BACKTRACE
 #include <backtrace.h>
@@ -26,51 +25,44 @@ int take_line(void* found, std::uintptr_t /*pc*/, const char* file, int line, co
     return 1; // the innermost function is enough
 }
 
-void take_symbol(void* found, std::uintptr_t /*pc*/, const char* name, std::uintptr_t /*value*/,
-                 std::uintptr_t /*size*/) {
+void take_symbol(void* found, std::uintptr_t /*pc*/, const char* name, std::uintptr_t /*at*/, std::uintptr_t /*size*/) {
     static_cast<Found*>(found)->function = name;
 }
 
 void ignore_error(void* /*found*/, const char* /*message*/, int /*number*/) {}
 
-// How often modules were loaded and unloaded.
-unsigned long long module_changes() noexcept {
-    unsigned long long changes = 0;
-    const auto take = [](dl_phdr_info* info, std::size_t /*size*/, void* to) {
-        *static_cast<unsigned long long*>(to) = info->dlpi_adds + info->dlpi_subs;
-        return 1;
-    };
-    dl_iterate_phdr(take, &changes);
-    return changes;
-}
-
-// A state knows the modules of the moment when it was made, which takes a tenth of a second. An old one stays: another
-// thread may use it.
-Found look_up(std::uintptr_t pc) noexcept {
-    static std::atomic<unsigned long long> known_changes{0};
-    static std::atomic<backtrace_state*> state{nullptr};
-    const unsigned long long changes = module_changes();
-    if (known_changes.exchange(changes) != changes) {
-        state.store(backtrace_create_state(nullptr, 1, ignore_error, nullptr));
+// A state knows the modules of the moment when it was first used, which takes a tenth of a second and 20 MB that are
+// never given back. Each module that calls gets one of its own; when they are gone, there are no more files and lines.
+backtrace_state* state_for(std::uint64_t module) noexcept {
+    constexpr int most = 16;
+    static std::atomic<std::uint64_t> modules[most];
+    static std::atomic<backtrace_state*> states[most];
+    for (int i = 0; i < most; ++i) {
+        std::uint64_t other = 0;
+        if (modules[i].compare_exchange_strong(other, module)) {
+            states[i] = backtrace_create_state(nullptr, 1, ignore_error, nullptr);
+        }
+        if (other == 0 || other == module) {
+            return states[i];
+        }
     }
-    Found found;
-    backtrace_state* const known = state.load();
-    if (known != nullptr) {
-        backtrace_pcinfo(known, pc, take_line, ignore_error, &found);
-    }
-    if (known != nullptr && found.function == nullptr) {
-        backtrace_syminfo(known, pc, take_symbol, ignore_error, &found);
-    }
-    return found;
-}
-
-#else
-
-Found look_up(std::uintptr_t /*pc*/) noexcept {
-    return {};
+    return nullptr;
 }
 
 #endif
+
+Found look_up([[maybe_unused]] std::uintptr_t pc, [[maybe_unused]] std::uint64_t module) noexcept {
+    Found found;
+#ifdef CSR_PRODUCTS_HAS_BACKTRACE
+    if (backtrace_state* const state = state_for(module); state != nullptr) {
+        backtrace_pcinfo(state, pc, take_line, ignore_error, &found);
+        if (found.function == nullptr) {
+            backtrace_syminfo(state, pc, take_symbol, ignore_error, &found);
+        }
+    }
+#endif
+    return found;
+}
 
 std::string_view base_name(std::string_view path) noexcept {
     return path.substr(path.find_last_of('/') + 1);
@@ -90,16 +82,17 @@ std::string_view without_parameters(std::string_view function) noexcept {
 
 } // namespace
 
-Place place_of(const void* return_address) noexcept {
+Text<200> place_of(const void* return_address) noexcept {
     const auto pc = reinterpret_cast<std::uintptr_t>(return_address) - 1; // within the call
-    Found found = look_up(pc);
+    const Found found = look_up(pc, hash_of_module(return_address));
     Dl_info module{};
-    dladdr(return_address, &module);
-    Place place;
+    void* map = nullptr;
+    dladdr1(return_address, &module, &map, RTLD_DL_LINKMAP);
+    Text<200> place;
     if (found.file != nullptr) {
         place.append("{}:{}", base_name(found.file), found.line);
-    } else if (module.dli_fname != nullptr) {
-        place.append("{}+{:#x}", base_name(module.dli_fname), pc - reinterpret_cast<std::uintptr_t>(module.dli_fbase));
+    } else if (map != nullptr) {
+        place.append("{}+{:#x}", base_name(module.dli_fname), pc - static_cast<link_map*>(map)->l_addr);
     } else {
         place.append("{:#x}", pc);
     }
@@ -114,6 +107,12 @@ Place place_of(const void* return_address) noexcept {
         std::free(name); // NOLINT(*-no-malloc): the demangler's
     }
     return place;
+}
+
+std::uint64_t hash_of_module(const void* code) noexcept {
+    Dl_info module{};
+    const std::string_view file = dladdr(code, &module) != 0 ? module.dli_fname : "";
+    return std::hash<std::string_view>()(file) ^ reinterpret_cast<std::uintptr_t>(module.dli_fbase);
 }
 
 } // namespace csr_products::check

@@ -2,36 +2,20 @@
 
 #include "findings.h"
 
-#include <pthread.h>
-
 namespace csr_products::check {
 
-// Guards all that the threads share, for a short time. A fork takes it, so that the child finds it free.
-struct Lock {
-    Lock() noexcept { pthread_mutex_lock(&mutex); }
-    ~Lock() { pthread_mutex_unlock(&mutex); }
+// Whether each call is written, and each complaint.
+extern const bool traces;
 
-    static pthread_mutex_t mutex;
-};
+// Writes each complaint when its place makes it for the first time, and counts the others. Returns whether the process
+// is to end: at an error, if that was asked for.
+bool report(const Call& call, const Findings& found) noexcept;
 
-// Writes one line, and loses it where nothing can be written.
-void write_text(std::string_view line) noexcept;
+extern std::uint64_t errors;
+extern std::uint64_t notes;
 
-template <class... Values>
-void write_line(const char* format, const Values&... values) noexcept {
-    write_text(Text<800>(format, values...).view());
-}
-
-// Counts a call and its thread. Returns the number of the call in the process.
-std::uint64_t count_call() noexcept;
-
-// Whether each call is written, and each complaint. Set when this library is loaded.
-extern bool traces;
-
-// Writes each complaint when its place makes it for the first time, and counts the others. Ends the process at an
-// error if that was asked for.
-void report(const Call& call, const Findings& found) noexcept;
-
-std::uint64_t nanoseconds_now() noexcept;
+// Writes the complaints that were made more than once.
+void write_repeated() noexcept;
+void forget_complaints() noexcept;
 
 } // namespace csr_products::check

@@ -1,9 +1,11 @@
 #include "watch.h"
 
 #include "checks.h"
+#include "lock.h"
 #include "place.h"
 #include "report.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <utility>
@@ -11,16 +13,29 @@
 namespace csr_products::check {
 namespace {
 
-Call* running = nullptr; // the first of the calls that run now
+// What other threads see of a thread's call. A host may leave a call by siglongjmp: it goes when its thread calls
+// again, or ends.
+[[gnu::tls_model("initial-exec")]] thread_local Call own_call;
+Call* running = nullptr; // the first
+pthread_key_t thread_end;
 
-// The library in the folder above this one. The first call loads it, so that programs that never call do not start
-// MKL.
-void* load_library() noexcept {
-    Dl_info here{};
-    dladdr(&running, &here);
-    const std::string_view own = here.dli_fname;
-    const Text<4096> path("{}/../libcsr_products.so.1{}", own.substr(0, own.find_last_of('/')), '\0');
-    return dlopen(path.view().data(), RTLD_NOW | RTLD_LOCAL);
+// The library stands in the folder above this one. The first call loads it, so that programs that never call do not
+// start MKL. The loader reads a run path in words, which valgrind reports.
+void* real_entry(Entry& entry) noexcept {
+    if (entry.real == nullptr) {
+        Dl_info here{};
+        dladdr(&running, &here);
+        const std::string_view own = here.dli_fname;
+        const Text<4096> path("{}/../libcsr_products.so.1{}", own.substr(0, own.find_last_of('/')), '\0');
+        const Unreported loader;
+        void* const library = dlopen(path.view().data(), RTLD_NOW | RTLD_LOCAL);
+        entry.real = library == nullptr ? nullptr : dlsym(library, entry.symbol);
+    }
+    if (entry.real == nullptr) {
+        write_line("{}", dlerror());
+        std::_Exit(127);
+    }
+    return entry.real;
 }
 
 void trace(const Call& call) noexcept {
@@ -32,26 +47,40 @@ void trace(const Call& call) noexcept {
     } else if (call.form == Form::Matrix) {
         arguments.append(", ldb = {}, ldc = {}", call.dense.leading_dimension, call.output.leading_dimension);
     }
-    write_line("call {}: {}({}), called from {}", call.number, call.site.entry.name(), arguments.view(),
-               place_of(call.site.caller).view());
+    write_line("call {}: {}({}), called from {}", call.number, call.entry->name(), arguments.view(),
+               place_of(call.caller).view());
 }
 
 // Compares the arrays with those of a call on another thread.
 void compare(const Call& call, const Call& other, Findings& found) noexcept {
-    for (const Block& mine : call.blocks) {
+    for (const Block& own : call.blocks) {
         for (const Block& theirs : other.blocks) {
-            if ((mine.written || theirs.written) && overlap(mine, theirs)) {
-                found.error("{} is {} while {} on another thread {} it as its {}", mine.name,
-                            mine.written ? "written" : "read", other.site.entry.name(),
-                            theirs.written ? "writes" : "reads", theirs.name);
+            if ((own.written || theirs.written) && overlap(own, theirs)) {
+                found.error("{} is {} while {} on another thread {} it as its {}", own.name,
+                            own.written ? "written" : "read", other.entry->name(), theirs.written ? "writes" : "reads",
+                            theirs.name);
                 return;
             }
         }
     }
 }
 
+void leave_running(void* /*unused*/ = nullptr) noexcept {
+    const Lock lock;
+    for (Call** link = &running; *link != nullptr; link = &(*link)->next) {
+        if (*link == &own_call) {
+            *link = own_call.next;
+            break;
+        }
+    }
+    own_call.number = 0;
+}
+
 // Compares the call with all that run, and enters it.
-void enter_running(Call& call, Findings& found) noexcept {
+void enter_running(const Call& call, Findings& found) noexcept {
+    if (own_call.number != 0) {
+        leave_running();
+    }
     const Lock lock;
     for (const Call* other = running; other != nullptr; other = other->next) {
         const bool sets_count = call.form == Form::ThreadCount && other->is_sparse_by_sparse();
@@ -60,42 +89,39 @@ void enter_running(Call& call, Findings& found) noexcept {
         }
         compare(call, *other, found);
     }
-    call.next = std::exchange(running, &call);
+    own_call = call;
+    own_call.next = std::exchange(running, &own_call);
 }
 
-void leave_running(const Call& call) noexcept {
-    const Lock lock;
-    Call** link = &running;
-    while (*link != nullptr && *link != &call) {
-        link = &(*link)->next;
-    }
-    if (*link != nullptr) {
-        *link = call.next;
-    }
+[[gnu::constructor]] void make_key() {
+    pthread_key_create(&thread_end, leave_running);
 }
 
 } // namespace
 
-void forget_running() noexcept {
+std::atomic<std::uint64_t> calls{0};
+std::atomic<std::uint64_t> threads{0};
+
+std::uint64_t nanoseconds_now() noexcept {
+    return static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+}
+
+void forget_calls() noexcept {
     running = nullptr;
+    calls = threads = 0;
+    pthread_setspecific(thread_end, nullptr);
+    for (Entry* entry : entries) {
+        entry->calls = entry->nanoseconds = 0;
+    }
 }
 
-void* real_entry(Entry& entry) noexcept {
-    void* real = entry.real.load();
-    if (real == nullptr) {
-        void* const library = load_library();
-        real = library == nullptr ? nullptr : dlsym(library, entry.symbol);
-    }
-    if (real == nullptr) {
-        write_line("{}", dlerror());
-        std::_Exit(127);
-    }
-    entry.real.store(real);
-    return real;
-}
-
-void begin(Call& call) noexcept {
-    call.number = count_call();
+// A thread is not cancelled within the checks: they write, and there is no way out of a function that is noexcept.
+void* begin(Call& call) noexcept {
+    void* const real = real_entry(*call.entry);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &call.cancellation);
+    threads += pthread_getspecific(thread_end) == nullptr ? 1 : 0;
+    pthread_setspecific(thread_end, &own_call);
+    call.number = ++calls;
     if (traces) {
         trace(call);
     }
@@ -105,21 +131,29 @@ void begin(Call& call) noexcept {
         call.leaves_structure = call.stage != 2 || is_counted(call.c);
     }
     enter_running(call, found);
-    report(call, found);
+    const bool ends = report(call, found);
+    pthread_setcancelstate(call.cancellation, nullptr);
+    if (ends) { // unless the host handles the signal
+        leave_running();
+        std::abort();
+    }
     call.start = nanoseconds_now();
+    return real;
 }
 
-void end(const Call& call) noexcept {
+void end(Call& call) noexcept {
     const std::uint64_t time = nanoseconds_now() - call.start;
-    call.site.entry.nanoseconds += time;
-    ++call.site.entry.calls;
-    leave_running(call);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &call.cancellation);
+    call.entry->nanoseconds += time;
+    ++call.entry->calls;
+    leave_running();
     if (call.leaves_structure) {
         remember(call);
     }
     if (traces) {
         write_line("call {}: {}.{:06} ms", call.number, time / 1000000, time % 1000000);
     }
+    pthread_setcancelstate(call.cancellation, nullptr);
 }
 
 } // namespace csr_products::check

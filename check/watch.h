@@ -1,33 +1,35 @@
 #pragma once
 
-#include "history.h"
-
-#include <pthread.h>
+#include "call.h"
 
 namespace csr_products::check {
 
 extern Entry* const entries[13];
 
-// The function of the library beside this one. Ends the process where that library cannot be loaded.
-void* real_entry(Entry& entry) noexcept;
+// In this process.
+extern std::atomic<std::uint64_t> calls;
+extern std::atomic<std::uint64_t> threads;
 
-// In the child of a fork no other thread runs.
-void forget_running() noexcept;
+std::uint64_t nanoseconds_now() noexcept;
 
-// Before and after the library computes: what is known of the call, and what is remembered of it.
-void begin(Call& call) noexcept;
-void end(const Call& call) noexcept;
+// In the child of a fork, where no other thread is.
+void forget_calls() noexcept;
 
+// Checks the call, and returns the function of the library beside this one. Ends the process where that library cannot
+// be loaded.
+void* begin(Call& call) noexcept;
+
+// After the library has computed: what is remembered of the call.
+void end(Call& call) noexcept;
+
+// As a part of the entry, which has the address of its caller.
 template <class... Arguments>
-void watch(Site site, Arguments... arguments) noexcept {
-    const auto real = reinterpret_cast<void (*)(Arguments...)>(real_entry(site.entry));
-    Call call = describe(site, arguments...);
-    int cancellation = 0; // a thread that is cancelled in here would leave its call among the running ones
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellation);
-    begin(call);
+[[gnu::always_inline]] inline void watch(Entry& entry, Arguments... arguments) noexcept {
+    Call call = describe(entry, arguments...);
+    call.caller = __builtin_return_address(0);
+    const auto real = reinterpret_cast<void (*)(Arguments...)>(begin(call));
     real(arguments...);
     end(call);
-    pthread_setcancelstate(cancellation, nullptr);
 }
 
 } // namespace csr_products::check

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <string_view>
 
 namespace csr_products::check {
 
@@ -29,5 +28,16 @@ private:
     char data_[Capacity];
     std::size_t size_ = 0;
 };
+
+// Takes the file that the lines go to, or standard error.
+void open_output() noexcept;
+
+// Writes one line, to standard error if the file does not take it, and loses it where nothing can be written.
+void write_text(std::string_view line) noexcept;
+
+template <class... Values>
+void write_line(const char* format, const Values&... values) noexcept {
+    write_text(Text<800>(format, values...).view());
+}
 
 } // namespace csr_products::check

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <functional>
 #include <numeric>
 
@@ -155,12 +156,11 @@ TEST(Distributed, ChangedMatrix) {
         for (const Int columns : {0, 2}) {
             Mat b = make_block(PETSC_COMM_WORLD, end - begin, columns);
             Mat c = make_block(PETSC_COMM_WORLD, end - begin, columns);
-            PetscObjectState before = 0;
-            PetscObjectState after = 0;
-            check(PetscObjectStateGet(reinterpret_cast<PetscObject>(c), &before));
+            std::array<PetscObjectState, 2> states{};
+            check(PetscObjectStateGet(reinterpret_cast<PetscObject>(c), states.data()));
             op.multiply(b, c);
-            check(PetscObjectStateGet(reinterpret_cast<PetscObject>(c), &after));
-            EXPECT_GT(after, before) << "PETSc does not know that C has changed";
+            check(PetscObjectStateGet(reinterpret_cast<PetscObject>(c), &states[1]));
+            EXPECT_GT(states[1], states[0]) << "PETSc does not know that C has changed";
             expect_products(op.shell(), aij);
             check(MatDestroy(&b));
             check(MatDestroy(&c));

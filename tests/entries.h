@@ -14,7 +14,7 @@ inline std::size_t size(Int count) {
     return static_cast<std::size_t>(count);
 }
 
-constexpr Int two_to_31 = Int{1} << 31, two_to_32 = Int{1} << 32, two_to_62 = Int{1} << 62;
+constexpr Int two_to_32 = Int{1} << 32, two_to_62 = Int{1} << 62;
 constexpr Int untouched = -77;
 constexpr Int guard = 8; // elements behind every output
 

@@ -545,9 +545,7 @@ TEST(Threads, EightAtOnce) {
             }
         }));
     }
-    for (auto& call : calls) {
-        call.get(); // throws what its thread has thrown
-    }
+    std::for_each(calls.begin(), calls.end(), [](auto& call) { call.get(); }); // throws what its thread has thrown
 }
 
 } // namespace

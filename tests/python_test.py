@@ -79,9 +79,7 @@ class Module(unittest.TestCase):
                 cp.spgmatgvec_mkl_G_int64(**{**good, name: value})
                 self.assertEqual([*good["y"]], [2, 31])
         for name, value, error, message in [
-            ("val", [2.0, 1.0, 3.0], TypeError, "must be a NumPy array of float64, not list"),
             ("val", np.ones(3, ">f8"), TypeError, "must be an array of float64, not of >f8"),
-            ("col_ind", np.ones(3, np.int32), TypeError, "must be an array of int64, not of int32"),
             ("row_ptr", None, TypeError, "must be a NumPy array of int64, not NoneType"),
             ("x", np.ones(4)[::2], ValueError, "must be contiguous, and in Fortran order"),
             ("x", np.ones((2, 2)), ValueError, "must be contiguous, and in Fortran order"),

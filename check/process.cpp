@@ -13,7 +13,7 @@ namespace {
 std::uint64_t load_time = nanoseconds_now();
 bool is_child = false; // its parent may have loaded the library that computes
 
-// Another library with these functions, whose calls do not come through here. The program itself is passed over: it
+// Another library with these functions, whose calls do not come through here. The program itself is skipped: it
 // may have an address of its own for a function.
 int tell_unchecked_library(dl_phdr_info* module, std::size_t /*size*/, void* /*unused*/) {
     void* const library = module->dlpi_name[0] == '\0' ? nullptr : dlopen(module->dlpi_name, RTLD_LAZY | RTLD_NOLOAD);

@@ -283,8 +283,8 @@ def _check_operand(val, col_ind, row_ptr, shape):
     """Raises what is wrong with a sparse operand of this shape. Returns its number of entries."""
     _refuse({"val": Doubles, "col_ind": Indices, "row_ptr": Indices}, (val, col_ind, row_ptr))
     m, k = shape
-    if (min(m, k) < 0 or {val.ndim, col_ind.ndim, row_ptr.ndim} != {1} or row_ptr.size != m + 1 or row_ptr[0] != 1 or (row_ptr[1:] < row_ptr[:-1]).any()
-            or min(val.size, col_ind.size) < row_ptr[-1] - 1):
+    if (min(m, k) < 0 or {val.ndim, col_ind.ndim, row_ptr.ndim} != {1} or row_ptr.size != m + 1 or row_ptr[0] != 1
+            or (row_ptr[1:] < row_ptr[:-1]).any() or min(val.size, col_ind.size) < row_ptr[-1] - 1):
         raise ValueError(f"val, col_ind, row_ptr: not a matrix of {m} x {k}")
     columns = col_ind[: row_ptr[-1] - 1]
     if columns.size and not 1 <= columns.min() <= columns.max() <= k:

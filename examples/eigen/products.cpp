@@ -126,12 +126,17 @@ void measure_dense_products(const HostMatrix& a, bool symmetric, const Started& 
             [&](double* b, double* c) { spgmattrgmat_mkl_S_int64(val, col_ind, row_ptr, b, m, k, n, c); });
 }
 
-// The arrays of a CSR result of m x m, with room for all m*m entries, and none so far.
+// The arrays of a CSR result of m x m, with room for all m*m entries.
 struct CsrResult {
     using Indices = Eigen::Matrix<Int, Eigen::Dynamic, 1>;
 
-    explicit CsrResult(Int m)
-        : val(Eigen::VectorXd::Constant(m * m, none)), col_ind(Indices::Ones(m * m)), row_ptr(Indices::Ones(m + 1)) {}
+    explicit CsrResult(Int m) : val(m * m), col_ind(m * m), row_ptr(m + 1) {}
+
+    void clear() {
+        val.setConstant(none);
+        col_ind.setOnes();
+        row_ptr.setOnes();
+    }
 
     void multiply(Int stage, const HostMatrix& a) {
         Int ignored = 0;
@@ -184,7 +189,7 @@ void measure_transposed_products(const HostMatrix& matrix, const Started& starte
     const auto expected_row_ptr = Eigen::Map<const CsrResult::Indices>(expected.outerIndexPtr(), m + 1);
     const auto clear = [&] {
         dense.setConstant(none);
-        c = CsrResult(m);
+        c.clear();
     };
     const auto count = [&] { c.multiply(1, a); };
     const auto difference = [&] { return relative_difference(c.dense(), expected_dense, bound); };

@@ -4,7 +4,7 @@ Shapes, failures and warnings stand in the header and hold here: a sparse operan
 one-based, of float64, int64 and int64; dense ones are column-major. from_scipy makes the three arrays of any
 sparse matrix of SciPy, to_scipy makes a matrix of them, and linear_operator makes what its solvers take.
 
-An array has the type that the signature names, and is contiguous column by column: of one dimension, (n, 1), or
+An array has the type that the signature names (Doubles float64, Indices int64), and is contiguous column by column: of one dimension, (n, 1), or
 in Fortran order. An output is writable, and None where the signature permits it. TypeError, ValueError or
 OverflowError names the argument that is otherwise. The lengths of arrays are not checked, and the library itself
 reports nothing. A call releases the interpreter's lock.

@@ -152,7 +152,7 @@ struct CsrResult {
         MatrixXd c = MatrixXd::Zero(m, m);
         for (Int row = 0; row < m; ++row) {
             for (Int p = row_ptr[row] - 1; p < row_ptr[row + 1] - 1; ++p) {
-                c(row, col_ind[p] - 1) += val[p];
+                c(row, std::clamp<Int>(col_ind[p], 1, m) - 1) += val[p]; // a wrong product may have any columns
             }
         }
         return c;

@@ -30,7 +30,7 @@ void* page_of(std::uintptr_t address) noexcept {
 // Valgrind reports what lies between the arrays of a page.
 bool has_hole(std::uintptr_t first, std::uintptr_t last) noexcept {
     const Unreported pages;
-    return msync(page_of(first), last - first + first % page_size + 1, MS_ASYNC) == -1 && errno == ENOMEM;
+    return syscall(SYS_msync, page_of(first), last - first + first % page_size + 1, MS_ASYNC) == -1 && errno == ENOMEM;
 }
 
 // Asks the system for a change that it refuses. It reads the eight bytes before that, or says that it cannot. Valgrind
@@ -61,8 +61,8 @@ Int accessible_by_pages(std::uintptr_t first, Int count) noexcept {
 
 } // namespace
 
-// Asks the system for the pages as a write would. It gives the same answer about a page that cannot be had for writing
-// and to a question that it does not know; only the former has a page for reading. A handler may let the write pass.
+// Asks the system for the pages as a write would. An older one refuses that question, and also the one for reading,
+// which is granted for a page that can only be read. A handler may let the write pass.
 bool is_writable(const Block& block) noexcept {
     const auto first = reinterpret_cast<std::uintptr_t>(block.data);
     const auto is_refused = [](std::uintptr_t address) {

@@ -112,7 +112,6 @@ struct Call {
     std::uint64_t number = 0; // in the process
     std::uint64_t start = 0;  // nanoseconds
     Call* next = nullptr;     // among the running calls
-    int cancellation = 0;     // the thread's state before
     bool leaves_structure = false;
 
     bool has(Property property) const noexcept { return (entry->properties & property) != 0; }

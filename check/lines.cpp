@@ -1,5 +1,7 @@
 #include "lines.h"
 
+#include "lock.h"
+
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -33,7 +35,8 @@ bool write_to(const Target& target, std::string_view text) noexcept {
 void open_output() noexcept {
     const char* const file = std::getenv("CSR_PRODUCTS_CHECK_OUTPUT");
     const int given = file == nullptr ? STDERR_FILENO : open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
-    targets[0].number = fcntl(given, F_DUPFD_CLOEXEC, far_away);
+    const int number = fcntl(given, F_DUPFD_CLOEXEC, far_away);
+    targets[0].number = number != -1 ? number : fcntl(given, F_DUPFD_CLOEXEC, STDERR_FILENO + 1); // not so many
     if (file != nullptr) {
         close(given);
     }
@@ -44,16 +47,18 @@ void open_output() noexcept {
 
 void write_text(std::string_view line) noexcept {
     const Text<900> text("csr_products[{}]: {}\n", getpid(), line);
-    sigset_t pipe;
+    const NoCancellation guard;
+    sigset_t ours; // a reader that has gone, and a file that may not grow, are not the host's fault
     sigset_t before;
     sigset_t pending;
-    sigemptyset(&pipe);
-    sigaddset(&pipe, SIGPIPE);
+    sigemptyset(&ours);
+    sigaddset(&ours, SIGPIPE);
+    sigaddset(&ours, SIGXFSZ);
     sigpending(&pending);
-    pthread_sigmask(SIG_BLOCK, &pipe, &before); // a reader that has gone is not the host's fault
+    pthread_sigmask(SIG_BLOCK, &ours, &before);
     std::any_of(targets, std::end(targets), [&](const Target& target) { return write_to(target, text.view()); });
-    if (const timespec no_time{}; sigismember(&pending, SIGPIPE) == 0) {
-        sigtimedwait(&pipe, nullptr, &no_time);
+    if (const timespec no_time{}; sigismember(&pending, SIGPIPE) + sigismember(&pending, SIGXFSZ) == 0) {
+        sigtimedwait(&ours, nullptr, &no_time);
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }

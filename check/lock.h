@@ -12,4 +12,12 @@ struct Lock {
     inline static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 };
 
+// While one lives, its thread is not cancelled: there is no way out of a function that is noexcept.
+struct NoCancellation {
+    NoCancellation() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before); }
+    ~NoCancellation() { pthread_setcancelstate(before, nullptr); }
+
+    int before = 0;
+};
+
 } // namespace csr_products::check

@@ -1,5 +1,7 @@
 #include "place.h"
 
+#include "lock.h"
+
 #include <atomic>
 #include <cstdlib>
 #include <cxxabi.h>
@@ -83,6 +85,7 @@ std::string_view without_parameters(std::string_view function) noexcept {
 } // namespace
 
 Text<200> place_of(const void* return_address) noexcept {
+    const NoCancellation guard;                                           // debug information is read from files
     const auto pc = reinterpret_cast<std::uintptr_t>(return_address) - 1; // within the call
     const Found found = look_up(pc, hash_of_module(return_address));
     Dl_info module{};

@@ -29,7 +29,9 @@ void* real_entry(Entry& entry) noexcept {
         const Text<4096> path("{}/../libcsr_products.so.1{}", own.substr(0, own.find_last_of('/')), '\0');
         const Unreported loader;
         void* const library = dlopen(path.view().data(), RTLD_NOW | RTLD_LOCAL);
-        entry.real = library == nullptr ? nullptr : dlsym(library, entry.symbol);
+        for (Entry* each : entries) { // at once: a later call must not wait for the loader
+            each->real = library == nullptr ? nullptr : dlsym(library, each->symbol);
+        }
     }
     if (entry.real == nullptr) {
         write_line("{}", dlerror());
@@ -67,12 +69,11 @@ void compare(const Call& call, const Call& other, Findings& found) noexcept {
 
 void leave_running(void* /*unused*/ = nullptr) noexcept {
     const Lock lock;
-    for (Call** link = &running; *link != nullptr; link = &(*link)->next) {
-        if (*link == &own_call) {
-            *link = own_call.next;
-            break;
-        }
+    Call** link = &running;
+    while (*link != nullptr && *link != &own_call) {
+        link = &(*link)->next;
     }
+    *link = *link == nullptr ? nullptr : own_call.next;
     own_call.number = 0;
 }
 
@@ -115,10 +116,8 @@ void forget_calls() noexcept {
     }
 }
 
-// A thread is not cancelled within the checks: they write, and there is no way out of a function that is noexcept.
 void* begin(Call& call) noexcept {
     void* const real = real_entry(*call.entry);
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &call.cancellation);
     threads += pthread_getspecific(thread_end) == nullptr ? 1 : 0;
     pthread_setspecific(thread_end, &own_call);
     call.number = ++calls;
@@ -132,7 +131,6 @@ void* begin(Call& call) noexcept {
     }
     enter_running(call, found);
     const bool ends = report(call, found);
-    pthread_setcancelstate(call.cancellation, nullptr);
     if (ends) { // unless the host handles the signal
         leave_running();
         std::abort();
@@ -143,7 +141,6 @@ void* begin(Call& call) noexcept {
 
 void end(Call& call) noexcept {
     const std::uint64_t time = nanoseconds_now() - call.start;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &call.cancellation);
     call.entry->nanoseconds += time;
     ++call.entry->calls;
     leave_running();
@@ -153,7 +150,6 @@ void end(Call& call) noexcept {
     if (traces) {
         write_line("call {}: {}.{:06} ms", call.number, time / 1000000, time % 1000000);
     }
-    pthread_setcancelstate(call.cancellation, nullptr);
 }
 
 } // namespace csr_products::check

@@ -56,7 +56,7 @@ void write_text(std::string_view line) noexcept {
     sigaddset(&ours, SIGXFSZ);
     sigpending(&pending);
     pthread_sigmask(SIG_BLOCK, &ours, &before);
-    std::any_of(targets, std::end(targets), [&](const Target& target) { return write_to(target, text.view()); });
+    (void)std::any_of(targets, std::end(targets), [&](const Target& target) { return write_to(target, text.view()); });
     if (const timespec no_time{}; sigismember(&pending, SIGPIPE) + sigismember(&pending, SIGXFSZ) == 0) {
         sigtimedwait(&ours, nullptr, &no_time);
     }
